@@ -1,12 +1,19 @@
 #include "core/dispatch_queue.h"
 
+#include <algorithm>
+
 #include "core/thread_pool.h"
 
 namespace appex {
 
 struct DispatchQueue::Waiter {
-  std::condition_variable cv;
   bool granted = false;
+};
+
+struct DispatchQueue::Job {
+  Block block;
+  bool barrier = false;
+  bool claimed = false;  // guarded by mutex_: run by exactly one thread
 };
 
 std::shared_ptr<DispatchQueue> DispatchQueue::create(std::string label, QueueKind kind) {
@@ -18,17 +25,38 @@ DispatchQueue::DispatchQueue(std::string label, QueueKind kind)
 
 DispatchQueue::~DispatchQueue() = default;
 
+namespace {
+
+inline void cpuRelax() {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__)
+  asm volatile("yield");
+#endif
+}
+
+// How long a synchronous caller spins on a busy queue before queueing and
+// sleeping. Blocks guarded by these queues are short, so a brief spin turns
+// most contended hand-overs into no context switch at all.
+constexpr int kSpins = 128;
+
+}  // namespace
+
 DispatchQueue::Ticket::Ticket(DispatchQueue& q, bool barrier) : q_(q), barrier_(barrier) {
-  std::uint64_t s = q_.state_.load(std::memory_order_relaxed);
-  if (barrier_) {
-    // Idle queue: take it whole.
-    if (s == 0 && q_.state_.compare_exchange_strong(s, kWriter, std::memory_order_acquire))
-      return;
-  } else {
-    // No barrier running and nothing queued ahead: join the running readers.
-    while ((s & (kWriter | kPending)) == 0) {
+  for (int spin = 0; spin < kSpins; ++spin) {
+    std::uint64_t s = q_.state_.load(std::memory_order_relaxed);
+    // Something queued ahead: keep submission order, take the slow path.
+    // Work admitted but not started: go and run it rather than spin.
+    if ((s & kPending) || q_.readyCount_.load(std::memory_order_relaxed)) break;
+    if (barrier_) {
+      // Idle queue: take it whole.
+      if (s == 0 && q_.state_.compare_exchange_weak(s, kWriter, std::memory_order_acquire)) return;
+    } else if ((s & kWriter) == 0) {
+      // No barrier running: join the running readers.
       if (q_.state_.compare_exchange_weak(s, s + 1, std::memory_order_acquire)) return;
+      continue;
     }
+    cpuRelax();
   }
   q_.enterSlow(barrier_);
 }
@@ -41,9 +69,24 @@ void DispatchQueue::enterSlow(bool barrier) {
   backlog_.push_back(Item{{}, &waiter, barrier});
   state_.fetch_or(kPending);
   scheduleLocked();
-  if (!waiter.granted) {
-    ThreadPool::BlockingScope blocking;
-    waiter.cv.wait(lock, [&] { return waiter.granted; });
+  while (!waiter.granted) {
+    if (!ready_.empty()) {
+      // Help: run a block due ahead of us rather than wait for a worker.
+      std::shared_ptr<Job> job = std::move(ready_.front());
+      ready_.pop_front();
+      readyCount_.store(ready_.size(), std::memory_order_relaxed);
+      job->claimed = true;
+      lock.unlock();
+      run(job);
+      lock.lock();
+      continue;
+    }
+    ++sleepers_;
+    {
+      ThreadPool::BlockingScope blocking;
+      changed_.wait(lock);
+    }
+    --sleepers_;
   }
 }
 
@@ -83,22 +126,39 @@ void DispatchQueue::scheduleLocked() {
     if (backlog_.empty()) state_.fetch_and(~kPending);
     if (item.waiter) {
       item.waiter->granted = true;
-      item.waiter->cv.notify_one();
+      if (sleepers_) changed_.notify_all();
     } else {
-      runAsync(std::move(item.block), item.barrier);
+      startLocked(std::move(item.block), item.barrier);
     }
     if (item.barrier) return;  // a barrier runs alone
   }
   state_.fetch_and(~kPending);
 }
 
-void DispatchQueue::runAsync(Block block, bool barrier) {
-  ThreadPool::shared().post(
-      [self = shared_from_this(), block = std::move(block), barrier]() mutable {
-        block();
-        block = nullptr;  // release captures before the queue moves on
-        self->leave(barrier);
-      });
+void DispatchQueue::startLocked(Block block, bool barrier) {
+  auto job = std::make_shared<Job>();
+  job->block = std::move(block);
+  job->barrier = barrier;
+  ready_.push_back(job);
+  readyCount_.store(ready_.size(), std::memory_order_relaxed);
+  if (sleepers_) changed_.notify_all();
+  ThreadPool::shared().post([self = shared_from_this(), job] {
+    {
+      std::lock_guard lock(self->mutex_);
+      if (job->claimed) return;  // a waiting sync caller ran it already
+      job->claimed = true;
+      auto it = std::find(self->ready_.begin(), self->ready_.end(), job);
+      if (it != self->ready_.end()) self->ready_.erase(it);
+      self->readyCount_.store(self->ready_.size(), std::memory_order_relaxed);
+    }
+    self->run(job);
+  });
+}
+
+void DispatchQueue::run(const std::shared_ptr<Job>& job) {
+  job->block();
+  job->block = nullptr;  // release captures before the queue moves on
+  leave(job->barrier);
 }
 
 }  // namespace appex

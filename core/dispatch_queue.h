@@ -13,7 +13,11 @@
 // Synchronous submissions (sync, barrierSync) always run their block on the
 // calling thread, like libdispatch: on an idle queue the cost is an atomic
 // compare-and-swap on entry and an atomic decrement on exit, about that of a
-// shared-mutex lock. Calling sync on the queue you are running on deadlocks.
+// shared-mutex lock. On a busy queue with nothing queued, the caller spins
+// briefly before it queues and sleeps; while it waits its turn it runs,
+// itself, asynchronous blocks that are due ahead of it but that no worker
+// has picked up yet (so a read right after an async write does not wait for
+// a worker to wake). Calling sync on the queue you are running on deadlocks.
 //
 // Thread-safe. A queue is kept alive by the blocks queued on it.
 #pragma once
@@ -64,6 +68,7 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
 
  private:
   struct Waiter;
+  struct Job;
   struct Item {
     Block block;          // empty for a synchronous waiter
     Waiter* waiter = nullptr;
@@ -88,7 +93,8 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
   void enterSlow(bool barrier);
   void leave(bool barrier);
   void scheduleLocked();
-  void runAsync(Block block, bool barrier);
+  void startLocked(Block block, bool barrier);
+  void run(const std::shared_ptr<Job>& job);
 
   // state_: low 32 bits count running plain blocks; kWriter marks a running
   // barrier; kPending marks a non-empty backlog (so fast entries step aside).
@@ -100,7 +106,13 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
   const QueueKind kind_;
   std::atomic<std::uint64_t> state_{0};
   std::mutex mutex_;
+  std::condition_variable changed_;  // a ticket was granted or a job is ready
   std::deque<Item> backlog_;
+  // Asynchronous blocks already admitted (counted in state_) whose pool
+  // task has not started yet; a waiting sync caller may run them instead.
+  std::deque<std::shared_ptr<Job>> ready_;
+  std::atomic<std::size_t> readyCount_{0};  // ready_.size(), readable unlocked
+  int sleepers_ = 0;
 };
 
 }  // namespace appex

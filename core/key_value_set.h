@@ -38,18 +38,18 @@ class KeyValueSet {
   explicit KeyValueSet(IsEqual isEqual) : isEqual_(std::move(isEqual)) {}
 
   std::optional<Pair> get(const K& key) const {
-    auto snapshot = list_.unthreaded();
-    for (auto& entry : snapshot) {
-      if (isEqual_(entry.key, key)) return std::move(entry);
+    auto snapshot = list_.snapshot();
+    for (const auto& entry : *snapshot) {
+      if (isEqual_(entry.key, key)) return entry;
     }
     return std::nullopt;
   }
 
   // Position of the first entry whose key matches, or -1.
   std::ptrdiff_t indexOf(const K& key) const {
-    auto snapshot = list_.unthreaded();
-    for (std::size_t i = 0; i < snapshot.size(); ++i) {
-      if (isEqual_(snapshot[i].key, key)) return static_cast<std::ptrdiff_t>(i);
+    auto snapshot = list_.snapshot();
+    for (std::size_t i = 0; i < snapshot->size(); ++i) {
+      if (isEqual_((*snapshot)[i].key, key)) return static_cast<std::ptrdiff_t>(i);
     }
     return -1;
   }

@@ -15,7 +15,11 @@
 //
 // Iterating by position (`count` then `at(i)`) is one queue trip per step
 // and sees concurrent writes between steps; for a stable view take
-// `unthreaded()` or `enumerated()` first.
+// `snapshot()`, `unthreaded()` or `enumerated()` first.
+//
+// Storage is copy-on-write: `snapshot()` shares the current elements (one
+// reference-count increment, whatever the size), and the next write copies
+// them only while a snapshot is still held.
 //
 // Thread-safe.
 #pragma once
@@ -40,72 +44,103 @@ namespace threaded_array_detail {
 }
 }  // namespace threaded_array_detail
 
+// The stored value of a ThreadedArray: elements shared with snapshots until
+// a write needs its own copy.
 template <class T>
-class ThreadedArray : public ThreadedObject<std::vector<T>> {
+class CowVector {
+ public:
+  CowVector() : elements_(std::make_shared<std::vector<T>>()) {}
+  explicit CowVector(std::vector<T> v) : elements_(std::make_shared<std::vector<T>>(std::move(v))) {}
+
+  const std::vector<T>& read() const { return *elements_; }
+  std::shared_ptr<const std::vector<T>> share() const { return elements_; }
+  // REQUIRES: called with exclusive access (a barrier on the owning queue).
+  std::vector<T>& write() {
+    // A snapshot holder only ever drops its reference concurrently, so a
+    // stale count can only cause an unneeded copy, never a shared write.
+    if (elements_.use_count() > 1) elements_ = std::make_shared<std::vector<T>>(*elements_);
+    return *elements_;
+  }
+
+ private:
+  std::shared_ptr<std::vector<T>> elements_;
+};
+
+template <class T>
+class ThreadedArray : public ThreadedObject<CowVector<T>> {
  public:
   using Vector = std::vector<T>;
-  using Base = ThreadedObject<Vector>;
+  using Base = ThreadedObject<CowVector<T>>;
+  using Snapshot = std::shared_ptr<const Vector>;
   // Receives a removed element on the main queue; called at most once.
   using RemovalCallback = std::move_only_function<void(T)>;
 
-  ThreadedArray() : Base(Vector{}, ThreadingType::concurrent) {}
+  ThreadedArray() : Base(CowVector<T>(), ThreadingType::concurrent) {}
   explicit ThreadedArray(Vector initial, ThreadingType type = ThreadingType::concurrent)
-      : Base(std::move(initial), type) {}
+      : Base(CowVector<T>(std::move(initial)), type) {}
 
   void append(T element) {
-    this->async([e = std::move(element)](Vector& v) mutable { v.push_back(std::move(e)); });
+    this->async([e = std::move(element)](CowVector<T>& v) mutable { v.write().push_back(std::move(e)); });
   }
 
   void append(Vector elements) {
-    this->async([es = std::move(elements)](Vector& v) mutable {
+    this->async([es = std::move(elements)](CowVector<T>& c) mutable {
+      auto& v = c.write();
       for (auto& e : es) v.push_back(std::move(e));
     });
   }
 
   T at(std::ptrdiff_t i) const {
-    return this->sync([i](const Vector& v) -> T {
+    return this->sync([i](const CowVector<T>& c) -> T {
+      const auto& v = c.read();
       check(i, v.size());
       return v[static_cast<std::size_t>(i)];
     });
   }
 
   void set(std::ptrdiff_t i, T element) {
-    this->async([i, e = std::move(element)](Vector& v) mutable {
+    this->async([i, e = std::move(element)](CowVector<T>& c) mutable {
+      auto& v = c.write();
       check(i, v.size());
       v[static_cast<std::size_t>(i)] = std::move(e);
     });
   }
 
   void remove(std::ptrdiff_t i, RemovalCallback callback = nullptr) {
-    removeWith([i](Vector&) { return i; }, std::move(callback));
+    removeWith([i](const Vector&) { return i; }, std::move(callback));
   }
   void removeFirst(RemovalCallback callback = nullptr) {
-    removeWith([](Vector&) { return std::ptrdiff_t{0}; }, std::move(callback));
+    removeWith([](const Vector&) { return std::ptrdiff_t{0}; }, std::move(callback));
   }
   void removeLast(RemovalCallback callback = nullptr) {
-    removeWith([](Vector& v) { return static_cast<std::ptrdiff_t>(v.size()) - 1; },
+    removeWith([](const Vector& v) { return static_cast<std::ptrdiff_t>(v.size()) - 1; },
                std::move(callback));
   }
 
-  Vector unthreaded() const {
-    return this->sync([](const Vector& v) { return v; });
+  // The elements as they are now, shared rather than copied.
+  Snapshot snapshot() const {
+    return this->sync([](const CowVector<T>& c) { return c.share(); });
   }
 
+  Vector unthreaded() const { return *snapshot(); }
+
   std::vector<std::pair<std::ptrdiff_t, T>> enumerated() const {
-    return this->sync([](const Vector& v) {
+    auto shared = snapshot();
+    const Vector& v = *shared;
+    {
       std::vector<std::pair<std::ptrdiff_t, T>> out;
       out.reserve(v.size());
       for (std::size_t i = 0; i < v.size(); ++i) out.emplace_back(static_cast<std::ptrdiff_t>(i), v[i]);
       return out;
-    });
+    }
   }
 
   std::ptrdiff_t startIndex() const { return 0; }
   std::ptrdiff_t endIndex() const {
-    return this->sync([](const Vector& v) { return static_cast<std::ptrdiff_t>(v.size()); });
+    return this->sync([](const CowVector<T>& c) { return static_cast<std::ptrdiff_t>(c.read().size()); });
   }
   std::size_t count() const {
-    return this->sync([](const Vector& v) { return v.size(); });
+    return this->sync([](const CowVector<T>& c) { return c.read().size(); });
   }
 
  private:
@@ -115,9 +150,10 @@ class ThreadedArray : public ThreadedObject<std::vector<T>> {
 
   template <class Pick>
   void removeWith(Pick pick, RemovalCallback callback) {
-    this->async([pick, cb = std::move(callback)](Vector& v) mutable {
-      const std::ptrdiff_t i = pick(v);
-      check(i, v.size());
+    this->async([pick, cb = std::move(callback)](CowVector<T>& c) mutable {
+      const std::ptrdiff_t i = pick(c.read());
+      check(i, c.read().size());
+      auto& v = c.write();
       T removed = std::move(v[static_cast<std::size_t>(i)]);
       v.erase(v.begin() + i);
       if (cb) {

@@ -146,6 +146,29 @@ TEST(ThreadedArrayTest, AppendThenReadListsItLast) {
   EXPECT_EQ(e[2].second, 3);
 }
 
+TEST(ThreadedArrayTest, SnapshotsKeepTheirContentsAcrossLaterWrites) {
+  ThreadedArray<std::string> a(std::vector<std::string>{"a", "b"});
+  auto before = a.snapshot();
+  a.set(0, "changed");
+  a.append("c");
+  a.removeLast();
+  a.removeFirst();
+  EXPECT_EQ(*before, (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(a.unthreaded(), std::vector<std::string>{"b"});
+  // Writers and snapshot takers racing: every snapshot is one whole state.
+  std::atomic<bool> torn{false};
+  std::thread reader([&] {
+    for (int i = 0; i < 2000; ++i) {
+      auto s = a.snapshot();
+      for (const auto& e : *s) if (e.empty()) torn = true;
+    }
+  });
+  for (int i = 0; i < 2000; ++i) a.append(std::to_string(i));
+  reader.join();
+  EXPECT_FALSE(torn.load());
+  EXPECT_EQ(a.count(), 2001u);
+}
+
 TEST(ThreadedArrayTest, RemovalCallbacksRunOnceOnTheMainQueueAfterReturning) {
   auto& main = MainQueue::shared();
   main.runUntilIdle();

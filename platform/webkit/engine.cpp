@@ -1,0 +1,67 @@
+#include "platform/webkit/engine.h"
+
+#include <gtk/gtk.h>
+
+#include <mutex>
+#include <thread>
+
+#include "core/main_queue.h"
+#include "platform/webkit/gtk_web_view.h"
+#include "platform/webkit/main_queue_source.h"
+
+namespace appex::webkit {
+
+struct Engine::State {
+  std::thread::id mainThread = std::this_thread::get_id();
+  MainQueueSource mainQueue{MainQueue::shared(), g_main_context_default()};
+};
+
+Engine::Engine() : state_(std::make_unique<State>()) {}
+Engine::~Engine() = default;
+
+std::expected<Engine*, std::string> Engine::start() {
+  static std::mutex mutex;
+  static Engine* engine = nullptr;  // never destroyed: lives with the process
+  static std::string failure;
+  std::lock_guard lock(mutex);
+  if (engine) {
+    if (engine->state_->mainThread != std::this_thread::get_id()) {
+      return std::unexpected("the engine runs on another thread");
+    }
+    return engine;
+  }
+  if (!failure.empty()) return std::unexpected(failure);
+  if (!gtk_init_check(nullptr, nullptr)) {
+    failure = "GTK could not be initialised (no display?)";
+    return std::unexpected(failure);
+  }
+  engine = new Engine();
+  return engine;
+}
+
+std::shared_ptr<WebView> Engine::createWebView() { return std::make_shared<GtkWebView>(); }
+
+bool Engine::runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+  if (done()) return true;
+  // A timer source wakes the blocking iteration when time is up.
+  bool expired = false;
+  GSource* timer = g_timeout_source_new(static_cast<guint>(timeout.count()));
+  g_source_set_callback(
+      timer,
+      [](gpointer flag) -> gboolean {
+        *static_cast<bool*>(flag) = true;
+        return G_SOURCE_REMOVE;
+      },
+      &expired, nullptr);
+  g_source_attach(timer, g_main_context_default());
+  while (!expired && !done()) g_main_context_iteration(g_main_context_default(), TRUE);
+  g_source_destroy(timer);
+  g_source_unref(timer);
+  return done();
+}
+
+void Engine::runFor(std::chrono::milliseconds duration) {
+  runUntil([] { return false; }, duration);
+}
+
+}  // namespace appex::webkit

@@ -1,0 +1,55 @@
+// Engine: the process's WebKitGTK host.
+//
+// Starting it initialises GTK once, on the calling thread, which becomes the
+// main thread: GTK, every web view and MainQueue::shared() run there, the
+// queue driven by the default GLib main context. Hosts, tests and
+// benchmarks then turn the main loop with runUntil / runFor and make web
+// views with createWebView.
+//
+// The engine lives until the process ends. GTK and WebKit types stay behind
+// this interface.
+//
+// Main queue only (after start, which makes the calling thread the main
+// thread).
+#pragma once
+
+#include <chrono>
+#include <expected>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/web_view.h"
+
+namespace appex::webkit {
+
+class Engine {
+ public:
+  // Starts the engine on the first call (initialising GTK; fails, with the
+  // reason, when there is no display) and returns it on later calls made on
+  // the same thread. A call from another thread fails.
+  static std::expected<Engine*, std::string> start();
+
+  // A web view in its own offscreen window, with the default configuration
+  // and no page loaded.
+  std::shared_ptr<WebView> createWebView();
+
+  // Turns the main loop (GLib sources, the main queue, WebKit's IPC) until
+  // `done()` holds or `timeout` passes; returns done(). Sleeps while there is
+  // nothing to do.
+  bool runUntil(const std::function<bool()>& done,
+                std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  // Turns the main loop for `duration`.
+  void runFor(std::chrono::milliseconds duration);
+
+  Engine(const Engine&) = delete;
+  Engine& operator=(const Engine&) = delete;
+
+ private:
+  Engine();
+  ~Engine();
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace appex::webkit

@@ -1,0 +1,59 @@
+#include "platform/webkit/main_queue_source.h"
+
+namespace appex::webkit {
+
+struct MainQueueSource::Source {
+  GSource base;  // first: GLib allocates and casts the whole struct
+  MainQueueSource* owner;
+};
+
+namespace {
+
+GSourceFuncs sourceFuncs{};
+
+}  // namespace
+
+MainQueueSource::MainQueueSource(MainQueue& queue, GMainContext* context)
+    : queue_(queue), context_(g_main_context_ref(context)) {
+  sourceFuncs.prepare = &MainQueueSource::prepare;
+  sourceFuncs.check = &MainQueueSource::check;
+  sourceFuncs.dispatch = &MainQueueSource::dispatch;
+  source_ = g_source_new(&sourceFuncs, sizeof(Source));
+  reinterpret_cast<Source*>(source_)->owner = this;
+  g_source_set_priority(source_, G_PRIORITY_DEFAULT);
+  g_source_set_name(source_, "appex main queue");
+  g_source_attach(source_, context_);
+  queue_.setDriver(this);
+}
+
+MainQueueSource::~MainQueueSource() {
+  queue_.setDriver(nullptr);
+  g_source_destroy(source_);
+  g_source_unref(source_);
+  g_main_context_unref(context_);
+}
+
+void MainQueueSource::wakeUp() {
+  ready_.store(true, std::memory_order_release);
+  g_main_context_wakeup(context_);
+}
+
+gboolean MainQueueSource::prepare(GSource* source, gint* timeout) {
+  *timeout = -1;
+  return reinterpret_cast<Source*>(source)->owner->ready_.load(std::memory_order_acquire);
+}
+
+gboolean MainQueueSource::check(GSource* source) {
+  return reinterpret_cast<Source*>(source)->owner->ready_.load(std::memory_order_acquire);
+}
+
+gboolean MainQueueSource::dispatch(GSource* source, GSourceFunc, gpointer) {
+  MainQueueSource* self = reinterpret_cast<Source*>(source)->owner;
+  // Cleared before draining: a block posted after the drain found the queue
+  // empty wakes us again, so none is left waiting.
+  self->ready_.store(false, std::memory_order_release);
+  self->queue_.drain();
+  return G_SOURCE_CONTINUE;
+}
+
+}  // namespace appex::webkit

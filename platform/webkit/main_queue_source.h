@@ -1,0 +1,44 @@
+// MainQueueSource: drives a MainQueue from a GLib main context.
+//
+// A GSource attached to the context runs the queue's blocks (drain) on the
+// thread that iterates the context, whenever the queue reports new work.
+// This is how work posted to MainQueue::shared() from any thread reaches the
+// GTK main thread, where the web views live.
+//
+// The source is installed as the queue's driver for the object's lifetime
+// and removed in the destructor. wakeUp() is thread-safe; everything else
+// is for the context's thread.
+#pragma once
+
+#include <glib.h>
+
+#include <atomic>
+
+#include "core/main_queue.h"
+
+namespace appex::webkit {
+
+class MainQueueSource final : public MainQueue::Driver {
+ public:
+  MainQueueSource(MainQueue& queue, GMainContext* context);
+  ~MainQueueSource() override;
+  MainQueueSource(const MainQueueSource&) = delete;
+  MainQueueSource& operator=(const MainQueueSource&) = delete;
+
+  // From any thread, possibly with the queue's lock held: flags the source
+  // ready and wakes the context. Never calls back into the queue.
+  void wakeUp() override;
+
+ private:
+  struct Source;
+  static gboolean prepare(GSource* source, gint* timeout);
+  static gboolean check(GSource* source);
+  static gboolean dispatch(GSource* source, GSourceFunc callback, gpointer data);
+
+  MainQueue& queue_;
+  GMainContext* context_;
+  GSource* source_ = nullptr;
+  std::atomic<bool> ready_{false};
+};
+
+}  // namespace appex::webkit
