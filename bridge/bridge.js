@@ -371,6 +371,23 @@
     return messageHandlers && messageHandlers[NATIVE_HANDLER_NAME];
   }
 
+  // The native link carries plain data: an Error object reaches native code
+  // as an empty object, its message lost (own "message" is not enumerable).
+  // An answer whose "err" is an Error (the answer time-out, a failed replay)
+  // therefore gets its message made enumerable before it is posted; it stays
+  // the same Error for everything else.
+  function exposeErrorMessage(data) {
+    var err = data && data.err;
+    if (!(err instanceof Error) || Object.prototype.propertyIsEnumerable.call(err, 'message')) return;
+    try {
+      Object.defineProperty(err, 'message', {
+        value: err.message, enumerable: true, writable: true, configurable: true
+      });
+    } catch (e) {
+      // A frozen error goes as it is.
+    }
+  }
+
   // Posts to native code. While the native handler is missing, messages are
   // buffered (returns false); the next call that finds the handler sends the
   // buffer, oldest first, ahead of its own message (returns true). Nothing
@@ -378,6 +395,7 @@
   function createCallBridge() {
     var buffer = [];
     return function callBridge(data) {
+      exposeErrorMessage(data);
       var handler = nativeHandler();
       if (!handler) {
         buffer.push(data);

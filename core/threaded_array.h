@@ -24,6 +24,7 @@
 // Thread-safe.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -44,26 +45,59 @@ namespace threaded_array_detail {
 }
 }  // namespace threaded_array_detail
 
-// The stored value of a ThreadedArray: elements shared with snapshots until
-// a write needs its own copy.
+// Elements shared between a ThreadedArray and its snapshots: a reference-
+// counted vector whose count uses acquire/release ordering, so a writer that
+// finds itself the only holder also sees every earlier reader finish.
+// (std::shared_ptr::use_count is a relaxed read and gives no such order.)
 template <class T>
-class CowVector {
+class SharedElements {
  public:
-  CowVector() : elements_(std::make_shared<std::vector<T>>()) {}
-  explicit CowVector(std::vector<T> v) : elements_(std::make_shared<std::vector<T>>(std::move(v))) {}
+  SharedElements() : block_(new Block{}) {}
+  explicit SharedElements(std::vector<T> v) : block_(new Block{{1}, std::move(v)}) {}
+  SharedElements(const SharedElements& o) : block_(o.block_) {
+    block_->refs.fetch_add(1, std::memory_order_relaxed);
+  }
+  SharedElements& operator=(SharedElements o) {
+    std::swap(block_, o.block_);
+    return *this;
+  }
+  ~SharedElements() {
+    if (block_->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete block_;
+  }
 
-  const std::vector<T>& read() const { return *elements_; }
-  std::shared_ptr<const std::vector<T>> share() const { return elements_; }
-  // REQUIRES: called with exclusive access (a barrier on the owning queue).
-  std::vector<T>& write() {
-    // A snapshot holder only ever drops its reference concurrently, so a
-    // stale count can only cause an unneeded copy, never a shared write.
-    if (elements_.use_count() > 1) elements_ = std::make_shared<std::vector<T>>(*elements_);
-    return *elements_;
+  const std::vector<T>& operator*() const { return block_->elements; }
+  const std::vector<T>* operator->() const { return &block_->elements; }
+
+  // REQUIRES: exclusive access to this handle (a barrier on the owning queue).
+  std::vector<T>& mutableElements() {
+    if (block_->refs.load(std::memory_order_acquire) != 1) {
+      *this = SharedElements(block_->elements);
+    }
+    return block_->elements;
   }
 
  private:
-  std::shared_ptr<std::vector<T>> elements_;
+  struct Block {
+    std::atomic<long> refs{1};
+    std::vector<T> elements;
+  };
+  Block* block_;
+};
+
+// The stored value of a ThreadedArray.
+template <class T>
+class CowVector {
+ public:
+  CowVector() = default;
+  explicit CowVector(std::vector<T> v) : elements_(std::move(v)) {}
+
+  const std::vector<T>& read() const { return *elements_; }
+  SharedElements<T> share() const { return elements_; }
+  // REQUIRES: called with exclusive access (a barrier on the owning queue).
+  std::vector<T>& write() { return elements_.mutableElements(); }
+
+ private:
+  SharedElements<T> elements_;
 };
 
 template <class T>
@@ -71,7 +105,7 @@ class ThreadedArray : public ThreadedObject<CowVector<T>> {
  public:
   using Vector = std::vector<T>;
   using Base = ThreadedObject<CowVector<T>>;
-  using Snapshot = std::shared_ptr<const Vector>;
+  using Snapshot = SharedElements<T>;
   // Receives a removed element on the main queue; called at most once.
   using RemovalCallback = std::move_only_function<void(T)>;
 

@@ -18,6 +18,7 @@
 
 namespace appex::sim {
 
+class SimBrowser;
 class SimPage;
 class SimWindow;
 
@@ -53,6 +54,7 @@ class SimTab final : public SFSafariTab, public std::enable_shared_from_this<Sim
   void moveTo(const std::shared_ptr<SimWindow>& window);
 
  private:
+  friend class SimBrowser;
   friend class SimWindow;
   friend class SimPage;
 

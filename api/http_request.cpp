@@ -1,0 +1,125 @@
+#include "api/http_request.h"
+
+#include <boost/json/serialize.hpp>
+#include <boost/url/parse.hpp>
+
+#include "core/context.h"
+#include "core/log.h"
+#include "host/json.h"
+#include "platform/curl_http_client.h"
+
+namespace appex {
+namespace {
+
+// Strict UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
+bool isValidUtf8(std::string_view s) {
+  std::size_t i = 0;
+  while (i < s.size()) {
+    const auto c = static_cast<unsigned char>(s[i]);
+    std::size_t extra;
+    unsigned char lo = 0x80, hi = 0xBF;
+    if (c < 0x80) {
+      ++i;
+      continue;
+    } else if (c >= 0xC2 && c <= 0xDF) {
+      extra = 1;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+      extra = 2;
+      if (c == 0xE0) lo = 0xA0;
+      if (c == 0xED) hi = 0x9F;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+      extra = 3;
+      if (c == 0xF0) lo = 0x90;
+      if (c == 0xF4) hi = 0x8F;
+    } else {
+      return false;
+    }
+    if (i + extra >= s.size()) return false;
+    for (std::size_t k = 1; k <= extra; ++k) {
+      const auto b = static_cast<unsigned char>(s[i + k]);
+      const unsigned char min = k == 1 ? lo : 0x80, max = k == 1 ? hi : 0xBF;
+      if (b < min || b > max) return false;
+    }
+    i += extra + 1;
+  }
+  return true;
+}
+
+Dictionary toDictionary(const HttpHeaderFields& fields) {
+  Dictionary d;
+  for (const auto& [name, value] : fields) d.insert_or_assign(name, value);
+  return d;
+}
+
+}  // namespace
+
+std::shared_ptr<HttpRequest> HttpRequest::create(Context& context) {
+  std::shared_ptr<HttpClient> client = context.find<HttpClient>();
+  if (!client) client = context.get<CurlHttpClient>();
+  return std::make_shared<HttpRequest>(std::move(client));
+}
+
+std::shared_ptr<HttpRequest> HttpRequest::shared() { return Context::current().get<HttpRequest>(); }
+
+HttpRequest::HttpRequest(std::shared_ptr<HttpClient> client) : client_(std::move(client)) {}
+
+bool HttpRequest::isFetchableUrl(std::string_view url) {
+  auto parsed = boost::urls::parse_absolute_uri(url);
+  if (!parsed) return false;
+  const auto scheme = parsed->scheme_id();
+  if (scheme != boost::urls::scheme::http && scheme != boost::urls::scheme::https) return false;
+  return parsed->has_authority() && !parsed->encoded_host().empty();
+}
+
+void HttpRequest::request(std::string url, std::string method, std::optional<std::string> body,
+                          std::optional<HttpHeaderFields> headers, ResultCallback callback) {
+  if (!isFetchableUrl(url)) {
+    callback(failure(std::string(Error::name(Error::Case::invalidUrl))));
+    return;
+  }
+  logLine("[Request] " + method + " " + url + " " +
+          (headers ? boost::json::serialize(toDictionary(*headers)) : std::string("(no headers)")));
+  HttpClientRequest outgoing{std::move(url), std::move(method), std::move(body),
+                             headers ? std::move(*headers) : HttpHeaderFields{}, kTimeout};
+  client_->send(std::move(outgoing), [callback = std::move(callback)](HttpClientResult result) mutable {
+    callback(buildAnswer(classify(std::move(result))));
+  });
+}
+
+HttpRequestCompletion HttpRequest::classify(HttpClientResult result) {
+  if (result.error) {
+    logLine("[Request] client error: " + Error::describe(*result.error));
+    return {std::unexpected(Error::clientError(std::move(*result.error))), std::nullopt, std::nullopt};
+  }
+  std::optional<Dictionary> headers;
+  std::optional<std::int64_t> status;
+  if (result.response) {
+    headers = toDictionary(result.response->headers);
+    status = result.response->status;
+  }
+  if (status && *status >= 200 && *status <= 299) {
+    return {std::move(result.body), std::move(headers), status};
+  }
+  logLine("[Request] server error: " + Error::describe(result.response));
+  return {std::unexpected(Error::serverError(std::move(result.response), std::move(result.body))),
+          std::move(headers), status};
+}
+
+Result HttpRequest::buildAnswer(const HttpRequestCompletion& completion) {
+  if (!completion.result) return failure(completion.result.error().description());
+  AnyValue data = nullptr;
+  if (const auto& body = *completion.result) {
+    if (auto parsed = JSON::parse(*body)) {
+      data = std::move(*parsed);
+    } else if (isValidUtf8(*body)) {
+      data = boost::json::string(*body);
+    }
+  }
+  Dictionary answer;
+  answer.emplace("data", std::move(data));
+  answer.emplace("status", completion.status ? AnyValue(*completion.status) : AnyValue(nullptr));
+  answer.emplace("headers", completion.headers ? AnyValue(*completion.headers) : AnyValue(nullptr));
+  return success(std::move(answer));
+}
+
+}  // namespace appex

@@ -1,0 +1,43 @@
+// GtkWebView: the WebKitGTK implementation of WebView.
+//
+// Each instance owns a WebKitWebView with its own user-content manager,
+// inside an offscreen GTK window so that it lays out and runs its page
+// without being shown. Script-message bodies reach handlers as AnyValues
+// (through the engine's JSON form of the value); "allowFileAccessFromFileURLs"
+// and a few other preference keys map onto the engine's settings.
+//
+// Make it through Engine::createWebView (GTK must be initialised). File loads
+// follow the engine's file-URL policy: with its sandbox off, which is the
+// default, the page may read at least the read-access folder.
+//
+// Main queue only.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/web_view.h"
+
+namespace appex::webkit {
+
+class GtkWebView final : public WebView {
+ public:
+  GtkWebView();
+  ~GtkWebView() override;
+  GtkWebView(const GtkWebView&) = delete;
+  GtkWebView& operator=(const GtkWebView&) = delete;
+
+  void evaluateScript(std::string script) override;
+  void addScriptMessageHandler(const std::string& name, ScriptMessageCallback handler) override;
+  void removeScriptMessageHandler(const std::string& name) override;
+  bool setBoolPreference(const std::string& key, bool value) override;
+  void setNavigationDelegate(std::weak_ptr<NavigationDelegate> delegate) override;
+  bool loadFileURL(const std::string& path, const std::string& readAccessFolder) override;
+  void reload() override;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace appex::webkit

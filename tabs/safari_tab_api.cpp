@@ -1,0 +1,361 @@
+#include "tabs/safari_tab_api.h"
+
+#include <boost/json/serialize.hpp>
+
+#include "core/context.h"
+#include "core/log.h"
+#include "core/thread_pool.h"
+#include "host/callback_utils.h"
+#include "tabs/identifiers.h"
+#include "tabs/safari_window_api.h"
+#include "tabs/window_state.h"
+
+namespace appex {
+namespace {
+
+// Sets "tabUrl" and "tabId" in root.action.args.meta when every one of
+// those levels is a dictionary; otherwise leaves `root` as it is.
+void fillMeta(AnyValue& root, const TabState& state) {
+  auto* top = root.if_object();
+  if (!top) return;
+  auto* action = top->if_contains("action");
+  if (!action || !action->is_object()) return;
+  auto* args = action->as_object().if_contains("args");
+  if (!args || !args->is_object()) return;
+  auto* meta = args->as_object().if_contains("meta");
+  if (!meta || !meta->is_object()) return;
+  auto& m = meta->as_object();
+  if (auto url = state.url()) {
+    m["tabUrl"] = *url;
+  } else {
+    m.erase("tabUrl");
+  }
+  m["tabId"] = state.id();
+}
+
+// The router reads a "messaging" ask's request from `args`; answers and
+// other messages carry theirs in `data`.
+void enrich(Message& message, const TabState& state) {
+  if (message.data) fillMeta(*message.data, state);
+  if (message.type == MessageType::ask && message.cmd == "messaging" && message.args) {
+    fillMeta(*message.args, state);
+  }
+}
+
+}  // namespace
+
+std::shared_ptr<SafariTabAPI> SafariTabAPI::shared() { return Context::current().get<SafariTabAPI>(); }
+
+SafariTabAPI::SafariTabAPI(Context& context)
+    : context_(context),
+      emitter_(Emitter::create()),
+      tabCache_(sameBrowserObject<SFSafariTab>),
+      pageCache_(sameBrowserObject<SFSafariPage>) {}
+
+std::shared_ptr<SFSafariApplication> SafariTabAPI::application() const {
+  return context_.get<SFSafariApplication>();
+}
+
+std::shared_ptr<SafariWindowAPI> SafariTabAPI::windows() const {
+  return context_.get<SafariWindowAPI>();
+}
+
+void SafariTabAPI::setHandler(Handler handler) {
+  std::lock_guard lock(handlerMutex_);
+  handler_ = std::move(handler);
+}
+
+SafariTabAPI::Handler SafariTabAPI::handler() const {
+  std::lock_guard lock(handlerMutex_);
+  return handler_;
+}
+
+// --- Page intake -----------------------------------------------------------
+
+void SafariTabAPI::onPageMessage(const std::string& name, std::optional<Dictionary> userInfo,
+                                 std::shared_ptr<SFSafariPage> page) {
+  if (name != kMessageName) {
+    logLine("M Exit 1");
+    return;
+  }
+  if (!userInfo) {
+    logLine("M Exit 2");
+    return;
+  }
+  std::optional<Message> parsed = Message::parse(*userInfo);
+  if (!parsed) {
+    logLine("M Exit 3");
+    return;
+  }
+  pageIdentifier(page);
+  if (parsed->type == MessageType::ask && parsed->cmd == "VALIDATE_TAB") {
+    validateTab(*parsed, page);
+    return;
+  }
+  page->getContainingTab([self = shared_from_this(), message = std::move(*parsed),
+                          page](std::shared_ptr<SFSafariTab> tab) mutable {
+    if (!tab) return;  // the page is gone: nothing left to tie the message to
+    self->getTabState(std::move(tab), [self, message = std::move(message),
+                                       page = std::move(page)](std::shared_ptr<TabState> state) mutable {
+      enrich(message, *state);
+      switch (message.type) {
+        case MessageType::ask:
+          self->deliverAsk(std::move(message), page);
+          break;
+        case MessageType::answer:
+          self->deliverAnswer(message);
+          break;
+        default:
+          break;
+      }
+    });
+  });
+}
+
+void SafariTabAPI::validateTab(const Message& message, const std::shared_ptr<SFSafariPage>& page) {
+  page->getContainingTab([self = shared_from_this(), message, page](std::shared_ptr<SFSafariTab> tab) {
+    if (!tab) {
+      self->answerPage(message, success(false), page);
+      return;
+    }
+    tab->getPages([self, message, page, tab](std::vector<std::shared_ptr<SFSafariPage>> pages) {
+      self->answerPage(message, success(!pages.empty()), page);
+      // Inner frames of a page validate too; only the top frame's request
+      // stands for the tab.
+      if (!pages.empty() && message.frameId == 0) {
+        self->buildTabState(tab, pages.front(), false, [](std::shared_ptr<TabState>) {});
+      }
+    });
+  });
+}
+
+void SafariTabAPI::deliverAsk(Message message, const std::shared_ptr<SFSafariPage>& page) {
+  Handler h = handler();
+  if (!h) return;
+  Message request = message;
+  request.data.reset();
+  request.args.reset();
+  ResultCallback reply = [self = shared_from_this(), request = std::move(request),
+                          page = WeakRef<SFSafariPage>(page)](Result result) mutable {
+    if (auto target = page.ref()) self->answerPage(request, std::move(result), target);
+  };
+  h(std::move(message), std::move(reply));
+}
+
+void SafariTabAPI::deliverAnswer(const Message& message) {
+  std::optional<ResultCallback> pending = callbacks_.removeValue(message.uid);
+  if (!pending) return;
+  Result result = message.err    ? failure(*message.err)
+                  : message.data ? success(*message.data)
+                                 : successEmpty();
+  ThreadPool::shared().post([reply = std::move(*pending), result = std::move(result)]() mutable {
+    reply(std::move(result));
+  });
+}
+
+// --- Snapshots ---------------------------------------------------------------
+
+void SafariTabAPI::getTabState(std::shared_ptr<SFSafariTab> tab, TabStateCompletion completion) {
+  if (auto cached = cachedTabState(tab)) {
+    completion(std::move(cached));
+    return;
+  }
+  tab->getPages([self = shared_from_this(), tab, completion = std::move(completion)](
+                    std::vector<std::shared_ptr<SFSafariPage>> pages) mutable {
+    self->buildTabState(std::move(tab), pages.empty() ? nullptr : pages.front(), true,
+                        std::move(completion));
+  });
+}
+
+void SafariTabAPI::getTabStates(std::vector<std::shared_ptr<SFSafariTab>> tabs,
+                                TabStatesCompletion completion) {
+  auto done = std::make_shared<TabStatesCompletion>(std::move(completion));
+  auto step = CallbackUtils::join<std::shared_ptr<TabState>>(
+      tabs.size(), [done](std::vector<std::shared_ptr<TabState>> states) { (*done)(std::move(states)); });
+  for (std::size_t i = 0; i < tabs.size(); ++i) {
+    getTabState(std::move(tabs[i]), [step, i](std::shared_ptr<TabState> state) { step(i, std::move(state)); });
+  }
+}
+
+void SafariTabAPI::buildTabState(std::shared_ptr<SFSafariTab> tab, std::shared_ptr<SFSafariPage> page,
+                                 bool suppressUpdates, TabStateCompletion completion) {
+  // The three lookups run at once; whichever answers last finishes the build.
+  struct Lookup {
+    std::optional<SFSafariPageProperties> properties;
+    std::shared_ptr<SFSafariTab> activeTab;
+    std::shared_ptr<WindowState> windowState;
+  };
+  auto self = shared_from_this();
+  auto done = std::make_shared<TabStateCompletion>(std::move(completion));
+  auto step = CallbackUtils::join<Lookup>(3, [self, tab, suppressUpdates, done](std::vector<Lookup> parts) {
+    const auto& properties = parts[0].properties;
+    const auto& activeTab = parts[1].activeTab;
+    const auto& windowState = parts[2].windowState;
+
+    TabState::Fields fields;
+    fields.tab = WeakRef<SFSafariTab>(tab);
+    if (windowState) {
+      fields.win = windowState->win();
+      fields.windowId = windowState->id();
+    }
+    fields.url = properties && properties->url && !properties->url->empty() ? *properties->url
+                                                                             : std::string("about:blank");
+    fields.title = properties ? properties->title : std::nullopt;
+    fields.isActive = activeTab && activeTab->isEqual(*tab);
+    fields.isPrivate = properties && properties->usesPrivateBrowsing;
+
+    auto [state, isNew] = self->record(tab, std::move(fields));
+    const Dictionary form = state->toDictionary();
+    (*done)(state);
+    if (suppressUpdates && !isNew) return;
+    const std::string event = isNew ? "create" : "update";
+    logLine("tab event: " + event + " - " + boost::json::serialize(form) + ", " + tab->description());
+    self->emitter_->fire(event, EventPayload::object(state, form));
+  });
+
+  if (page) {
+    page->getPageProperties([step](std::optional<SFSafariPageProperties> properties) {
+      step(0, Lookup{std::move(properties), nullptr, nullptr});
+    });
+  } else {
+    step(0, Lookup{});
+  }
+  tab->getContainingWindow([step](std::shared_ptr<SFSafariWindow> window) {
+    if (!window) {
+      step(1, Lookup{});
+      return;
+    }
+    window->getActiveTab([step](std::shared_ptr<SFSafariTab> active) {
+      step(1, Lookup{std::nullopt, std::move(active), nullptr});
+    });
+  });
+  tab->getContainingWindow([step, self](std::shared_ptr<SFSafariWindow> window) {
+    if (!window) {
+      step(2, Lookup{});
+      return;
+    }
+    self->windows()->getWindowState({}, std::move(window), true, [step](std::shared_ptr<WindowState> state) {
+      step(2, Lookup{std::nullopt, nullptr, std::move(state)});
+    });
+  });
+}
+
+std::pair<std::shared_ptr<TabState>, bool> SafariTabAPI::record(const std::shared_ptr<SFSafariTab>& tab,
+                                                                TabState::Fields fields) {
+  const WeakRef<SFSafariTab> key(tab);
+  std::lock_guard lock(registryMutex_);
+  auto found = tabCache_.get(key);
+  auto state = found ? found->value : std::make_shared<TabState>(newUUIDString());
+  state->assign(std::move(fields));
+  tabCache_.set(key, state);
+  return {std::move(state), !found};
+}
+
+void SafariTabAPI::refreshTabs(TabStatesCompletion completion) {
+  application()->getAllWindows([self = shared_from_this(), completion = std::move(completion)](
+                                   std::vector<std::shared_ptr<SFSafariWindow>> windows) mutable {
+    using Group = std::vector<std::shared_ptr<TabState>>;
+    auto done = std::make_shared<TabStatesCompletion>(std::move(completion));
+    auto step = CallbackUtils::join<Group>(windows.size(), [done](std::vector<Group> groups) {
+      Group all;
+      for (auto& group : groups) all.insert(all.end(), group.begin(), group.end());
+      (*done)(std::move(all));
+    });
+    for (std::size_t i = 0; i < windows.size(); ++i) {
+      windows[i]->getAllTabs([self, step, i](std::vector<std::shared_ptr<SFSafariTab>> tabs) {
+        self->getTabStates(std::move(tabs), [step, i](Group states) { step(i, std::move(states)); });
+      });
+    }
+  });
+}
+
+void SafariTabAPI::refreshActiveFlags(std::shared_ptr<SFSafariWindow> window,
+                                      std::shared_ptr<SFSafariTab> activeTab) {
+  if (!window) return;
+  window->getAllTabs([self = shared_from_this(), activeTab = std::move(activeTab)](
+                         std::vector<std::shared_ptr<SFSafariTab>> tabs) {
+    for (const auto& tab : tabs) {
+      if (auto state = self->cachedTabState(tab)) state->setActive(activeTab && activeTab->isEqual(*tab));
+    }
+  });
+}
+
+// --- Addressing --------------------------------------------------------------
+
+std::shared_ptr<TabState> SafariTabAPI::findTabState(const std::string& id) const {
+  for (const auto& entry : tabCache_.list().unthreaded()) {
+    if (entry.value->id() == id) return entry.value;
+  }
+  return nullptr;
+}
+
+std::shared_ptr<TabState> SafariTabAPI::cachedTabState(const std::shared_ptr<SFSafariTab>& tab) const {
+  auto found = tabCache_.get(WeakRef<SFSafariTab>(tab));
+  return found ? found->value : nullptr;
+}
+
+std::shared_ptr<SFSafariPage> SafariTabAPI::findPage(const std::string& pageId) const {
+  for (const auto& entry : pageCache_.list().unthreaded()) {
+    if (entry.value.id == pageId) return entry.key.ref();
+  }
+  return nullptr;
+}
+
+std::string SafariTabAPI::pageIdentifier(const std::shared_ptr<SFSafariPage>& page) {
+  const WeakRef<SFSafariPage> key(page);
+  std::lock_guard lock(registryMutex_);
+  if (auto found = pageCache_.get(key)) return found->value.id;
+  std::string id = newUUIDString();
+  pageCache_.set(key, PageRecord{id});
+  return id;
+}
+
+void SafariTabAPI::sendToTab(const std::string& tabId, const std::optional<std::string>& pageId,
+                             std::string cmd, std::optional<AnyValue> args, ResultCallback reply) {
+  auto state = findTabState(tabId);
+  if (!state) {
+    reply(failure("Tab not found for id " + tabId));
+    return;
+  }
+  Message ask;
+  ask.type = MessageType::ask;
+  ask.uid = newUUIDString();
+  ask.cmd = std::move(cmd);
+  ask.args = std::move(args);
+  callbacks_.set(ask.uid, std::move(reply));
+  Dictionary userInfo = ask.build();
+
+  if (pageId) {
+    if (auto page = findPage(*pageId)) dispatchToPages({page}, userInfo);
+    return;
+  }
+  auto tab = state->tab().ref();
+  if (!tab) return;
+  tab->getPages([self = shared_from_this(), userInfo = std::move(userInfo)](
+                    std::vector<std::shared_ptr<SFSafariPage>> pages) {
+    self->dispatchToPages(pages, userInfo);
+  });
+}
+
+void SafariTabAPI::dispatchToPages(const std::vector<std::shared_ptr<SFSafariPage>>& pages,
+                                   const Dictionary& userInfo) {
+  for (const auto& page : pages) {
+    if (page) page->dispatchMessageToScript(std::string(kMessageName), userInfo);
+  }
+}
+
+void SafariTabAPI::answerPage(const Message& request, Result reply,
+                              const std::shared_ptr<SFSafariPage>& page) {
+  Message answer;
+  answer.type = MessageType::answer;
+  answer.uid = request.uid;
+  answer.frameId = request.frameId;
+  if (reply) {
+    answer.data = std::move(*reply);
+  } else {
+    answer.err = std::move(reply.error().text);
+  }
+  page->dispatchMessageToScript(std::string(kMessageName), answer.build());
+}
+
+}  // namespace appex
