@@ -64,7 +64,7 @@ std::shared_ptr<HttpRequest> HttpRequest::shared() { return Context::current().g
 HttpRequest::HttpRequest(std::shared_ptr<HttpClient> client) : client_(std::move(client)) {}
 
 bool HttpRequest::isFetchableUrl(std::string_view url) {
-  auto parsed = boost::urls::parse_absolute_uri(url);
+  auto parsed = boost::urls::parse_uri(url);
   if (!parsed) return false;
   const auto scheme = parsed->scheme_id();
   if (scheme != boost::urls::scheme::http && scheme != boost::urls::scheme::https) return false;

@@ -29,22 +29,31 @@ std::string_view HttpRequestError::name(Case c) {
 
 std::string HttpRequestError::describe(const std::optional<HttpResponseHead>& response) {
   if (!response) return "no HTTP response";
-  return "HTTP " + std::to_string(response->status) + " from " + response->url;
+  std::string text = "HTTP ";
+  text.append(std::to_string(response->status)).append(" from ").append(response->url);
+  return text;
 }
 
 std::string HttpRequestError::describe(const HttpTransportError& error) {
-  return "code " + std::to_string(error.code) + ": " + error.message;
+  std::string text = "code ";
+  text.append(std::to_string(error.code)).append(": ").append(error.message);
+  return text;
 }
 
 std::string HttpRequestError::description() const {
   std::string text(name(kind_));
   switch (kind_) {
     case Case::clientError:
-      text += "(" + (transport_ ? describe(*transport_) : std::string("unknown")) + ")";
+      text.append("(").append(transport_ ? describe(*transport_) : std::string("unknown")).append(")");
       break;
     case Case::serverError:
-      text += "(" + describe(response_) + ", " +
-              (body_ ? std::to_string(body_->size()) + " bytes" : std::string("no body")) + ")";
+      text.append("(").append(describe(response_)).append(", ");
+      if (body_) {
+        text.append(std::to_string(body_->size())).append(" bytes");
+      } else {
+        text.append("no body");
+      }
+      text.append(")");
       break;
     default:
       break;

@@ -160,7 +160,10 @@ std::expected<std::shared_ptr<Bundle>, std::string> Bundle::fromInfo(
   if (!identifier || identifier->empty()) {
     return std::unexpected("bundle " + path.string() + ": Info.plist has no CFBundleIdentifier string");
   }
-  std::string absolute = std::filesystem::absolute(path).lexically_normal().string();
+  std::error_code ec;
+  std::filesystem::path full = std::filesystem::absolute(path, ec);
+  if (ec) return std::unexpected("bundle " + path.string() + ": cannot resolve the path: " + ec.message());
+  std::string absolute = full.lexically_normal().string();
   while (absolute.size() > 1 && absolute.back() == '/') absolute.pop_back();
   return std::shared_ptr<Bundle>(new Bundle(std::move(absolute), std::move(*identifier), std::move(info)));
 }

@@ -1,5 +1,5 @@
-// Bundle: the extension's bundle folder, laid out as the browser expects an
-// extension bundle so that one built for macOS can be used as it is:
+// Bundle: the extension's bundle folder, in the standard extension bundle
+// layout, so that an existing bundle can be pointed at as it is:
 //
 //   <path>/Contents/Info.plist                        metadata (XML or binary)
 //   <path>/Contents/Resources/                        resources ("logo-grey.pdf")

@@ -16,6 +16,9 @@ namespace appex {
 namespace {
 
 constexpr long kMaxRedirects = 20;
+// Parallel connections to one host, as browsers keep them; further requests
+// queue for a free connection.
+constexpr long kMaxConnectionsPerHost = 6;
 constexpr int kPollTimeoutMs = 1000;
 
 void initialiseCurlOnce() {
@@ -54,7 +57,9 @@ std::string_view trim(std::string_view s) {
 
 class CurlHttpClient::Session : public std::enable_shared_from_this<Session> {
  public:
-  Session() : multi_(curl_multi_init()) {}
+  Session() : multi_(curl_multi_init()) {
+    curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxConnectionsPerHost);
+  }
 
   ~Session() { curl_multi_cleanup(multi_); }
 
@@ -193,8 +198,12 @@ class CurlHttpClient::Session : public std::enable_shared_from_this<Session> {
       const std::string field = value.empty() ? name + ";" : name + ": " + value;
       t.headers = curl_slist_append(t.headers, field.c_str());
     }
-    // No "Expect: 100-continue" round trip for large bodies.
+    // No "Expect: 100-continue" round trip for large bodies, and no
+    // Content-Type the caller did not give.
     t.headers = curl_slist_append(t.headers, "Expect:");
+    const bool typed = std::any_of(request.headers.begin(), request.headers.end(),
+                                   [](const auto& f) { return equalsIgnoringCase(f.first, "Content-Type"); });
+    if (!typed) t.headers = curl_slist_append(t.headers, "Content-Type:");
     set(CURLOPT_HTTPHEADER, t.headers);
     return ok;
   }

@@ -6,10 +6,12 @@
 // first `send`. Requests run on that thread and their completions are called
 // there, one at a time. Only http and https are spoken, also when following
 // redirects (at most 20); any other URL fails as a transport error without
-// touching the file system or the network. The request's time-out bounds the
-// connection set-up and every stall of the transfer (no byte for that long),
-// not the whole transfer. A response body is decoded from any content
-// encoding the session offered.
+// touching the file system or the network. At most 6 connections per host
+// are open at once. The request's time-out bounds the connection set-up and
+// every stall of the transfer (no byte for that long), not the whole
+// transfer. A response body is decoded from any content encoding the session
+// offered. The header fields sent are the request's own plus what HTTP needs
+// (Host, Content-Length, Accept, Accept-Encoding).
 //
 // Destroying the client cancels what is in flight: each such completion runs
 // once, with a transport error. A completion may destroy the last reference

@@ -1,0 +1,4 @@
+# storage.local.set (durable) and get beside raw SQLite doing the same work.
+find_package(SQLite3 REQUIRED)
+add_executable(storage_bench ${CMAKE_CURRENT_LIST_DIR}/storage_bench.cpp)
+target_link_libraries(storage_bench PRIVATE appex_api SQLite::SQLite3 benchmark::benchmark)

@@ -1,0 +1,205 @@
+// Costs of storage.local.set and storage.local.get, each beside raw SQLite
+// doing the least the same guarantee needs, measured in the same run on the
+// same file system: an upsert committed with WAL and synchronous=FULL for a
+// set (durable when it returns), a prepared point query for a get.
+//
+// The databases live in a fresh folder under $APPEX_BENCH_DIR (default: the
+// system's temporary folder); use a real disk there, as fsync cost is most
+// of what a set measures.
+#include <benchmark/benchmark.h>
+#include <sqlite3.h>
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <iomanip>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "api/safari_storage_api.h"
+#include "platform/sqlite_user_defaults.h"
+
+namespace appex::bench {
+namespace {
+
+constexpr const char* kDomain = "com.example.bench";
+
+std::filesystem::path& benchFolder() {
+  static std::filesystem::path folder = [] {
+    const char* base = std::getenv("APPEX_BENCH_DIR");
+    std::string pattern =
+        ((base && *base) ? std::filesystem::path(base) : std::filesystem::temp_directory_path()) /
+        "appex-storage-bench-XXXXXX";
+    return std::filesystem::path(::mkdtemp(pattern.data()));
+  }();
+  return folder;
+}
+
+SafariStorageAPI& storage() {
+  static std::shared_ptr<SafariStorageAPI> api = [] {
+    auto store = SqliteUserDefaults::open(benchFolder() / "api", kDomain);
+    if (!store) {
+      std::fprintf(stderr, "%s\n", store.error().c_str());
+      std::exit(1);
+    }
+    return std::make_shared<SafariStorageAPI>(*store, kDomain);
+  }();
+  return *api;
+}
+
+// The raw baseline: one connection, the same pragmas and table, prepared
+// statements.
+struct RawSqlite {
+  sqlite3* db = nullptr;
+  sqlite3_stmt* upsert = nullptr;
+  sqlite3_stmt* select = nullptr;
+
+  RawSqlite() {
+    std::filesystem::create_directories(benchFolder() / "raw");
+    sqlite3_open((benchFolder() / "raw" / "raw.sqlite").c_str(), &db);
+    sqlite3_exec(db,
+                 "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL;"
+                 "CREATE TABLE IF NOT EXISTS defaults (key TEXT PRIMARY KEY NOT NULL, value TEXT NOT NULL) WITHOUT ROWID",
+                 nullptr, nullptr, nullptr);
+    sqlite3_prepare_v2(db,
+                       "INSERT INTO defaults(key, value) VALUES(?1, ?2) "
+                       "ON CONFLICT(key) DO UPDATE SET value = excluded.value",
+                       -1, &upsert, nullptr);
+    sqlite3_prepare_v2(db, "SELECT value FROM defaults WHERE key = ?1", -1, &select, nullptr);
+  }
+};
+
+RawSqlite& raw() {
+  static RawSqlite r;
+  return r;
+}
+
+void RawSqliteInsertCommit(benchmark::State& state) {
+  auto& r = raw();
+  long i = 0;
+  for (auto _ : state) {
+    const std::string value = "\"value " + std::to_string(++i) + "\"";
+    sqlite3_bind_text(r.upsert, 1, "key", -1, SQLITE_STATIC);
+    sqlite3_bind_text(r.upsert, 2, value.c_str(), -1, SQLITE_TRANSIENT);
+    if (sqlite3_step(r.upsert) != SQLITE_DONE) state.SkipWithError("insert failed");
+    sqlite3_reset(r.upsert);
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(RawSqliteInsertCommit)->UseRealTime();
+
+void StorageLocalSet(benchmark::State& state) {
+  auto& api = storage();
+  long i = 0;
+  for (auto _ : state) api.set({{"key", "value " + std::to_string(++i)}});
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(StorageLocalSet)->UseRealTime();
+
+void RawSqliteSelect(benchmark::State& state) {
+  auto& r = raw();
+  for (auto _ : state) {
+    sqlite3_bind_text(r.select, 1, "key", -1, SQLITE_STATIC);
+    if (sqlite3_step(r.select) == SQLITE_ROW) {
+      std::string value(reinterpret_cast<const char*>(sqlite3_column_text(r.select, 0)));
+      benchmark::DoNotOptimize(value);
+    }
+    sqlite3_reset(r.select);
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(RawSqliteSelect)->UseRealTime();
+
+void StorageLocalGet(benchmark::State& state) {
+  auto& api = storage();
+  api.set({{"key", "value"}});
+  const std::vector<std::string> keys{"key"};
+  for (auto _ : state) benchmark::DoNotOptimize(api.get(keys));
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(StorageLocalGet)->UseRealTime();
+
+// Prints the usual console output, then one row per compared pair: the
+// median over the repetitions of each side, as operations per second, and
+// the ratio of the times. fsync latency swings with whatever else the disk
+// is doing, so the runs are repeated and interleaved (see main).
+class StorageReporter : public benchmark::ConsoleReporter {
+ public:
+  struct Row {
+    std::string label, subject, baseline;
+  };
+  explicit StorageReporter(std::vector<Row> rows)
+      : ConsoleReporter(::isatty(STDOUT_FILENO) ? OO_Defaults : OO_Tabular), rows_(std::move(rows)) {}
+
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const auto& run : runs) {
+      if (run.run_type == Run::RT_Iteration && run.iterations > 0) {
+        nsPerOp_[run.run_name.str()].push_back(run.GetAdjustedRealTime());
+      }
+    }
+    ConsoleReporter::ReportRuns(runs);
+  }
+
+  void PrintTable(std::ostream& out) const {
+    out << "\n" << std::left << std::setw(40) << "case" << std::right << std::setw(12) << "ops/s"
+        << std::setw(16) << "baseline ops/s" << std::setw(10) << "ratio" << "   baseline\n";
+    for (const auto& row : rows_) {
+      const double s = median(row.subject), b = median(row.baseline);
+      if (s <= 0 || b <= 0) continue;
+      out << std::left << std::setw(40) << row.label << std::right << std::fixed << std::setprecision(0)
+          << std::setw(12) << 1e9 / s << std::setw(16) << 1e9 / b << std::setprecision(2) << std::setw(9)
+          << s / b << "x   " << row.baseline << "\n";
+    }
+    out << "(medians of the repetitions; ratio = case time / baseline time, same run)\n";
+  }
+
+ private:
+  double median(const std::string& name) const {
+    auto it = nsPerOp_.find(name);
+    if (it == nsPerOp_.end() || it->second.empty()) return 0;
+    std::vector<double> v = it->second;
+    std::sort(v.begin(), v.end());
+    return v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
+  }
+
+  std::vector<Row> rows_;
+  std::map<std::string, std::vector<double>> nsPerOp_;
+};
+
+}  // namespace
+}  // namespace appex::bench
+
+int main(int argc, char** argv) {
+  // Unless told otherwise: five interleaved repetitions of every case.
+  std::vector<char*> args(argv, argv + argc);
+  const bool chosen = std::any_of(args.begin() + 1, args.end(), [](const char* a) {
+    return std::string_view(a).starts_with("--benchmark_repetitions");
+  });
+  char repetitions[] = "--benchmark_repetitions=5";
+  char interleave[] = "--benchmark_enable_random_interleaving=true";
+  if (!chosen) {
+    args.push_back(repetitions);
+    args.push_back(interleave);
+  }
+  int count = static_cast<int>(args.size());
+  benchmark::Initialize(&count, args.data());
+  appex::bench::StorageReporter reporter({
+      {"storage.local.set, one key, durable", "StorageLocalSet/real_time", "RawSqliteInsertCommit/real_time"},
+      {"storage.local.get, one key", "StorageLocalGet/real_time", "RawSqliteSelect/real_time"},
+  });
+  std::cout << "databases in " << appex::bench::benchFolder().string() << "\n";
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  reporter.PrintTable(std::cout);
+  benchmark::Shutdown();
+  std::error_code ec;
+  std::filesystem::remove_all(appex::bench::benchFolder(), ec);
+  return 0;
+}
