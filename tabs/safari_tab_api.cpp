@@ -135,9 +135,13 @@ void SafariTabAPI::deliverAsk(Message message, const std::shared_ptr<SFSafariPag
   Message request = message;
   request.data.reset();
   request.args.reset();
-  ResultCallback reply = [self = shared_from_this(), request = std::move(request),
+  // The router may hold the reply for as long as its target takes; it must
+  // keep neither the registry nor the page alive meanwhile.
+  ResultCallback reply = [weakSelf = weak_from_this(), request = std::move(request),
                           page = WeakRef<SFSafariPage>(page)](Result result) mutable {
-    if (auto target = page.ref()) self->answerPage(request, std::move(result), target);
+    auto self = weakSelf.lock();
+    auto target = page.ref();
+    if (self && target) self->answerPage(request, std::move(result), target);
   };
   h(std::move(message), std::move(reply));
 }

@@ -95,12 +95,15 @@ class SafariTabAPI : public std::enable_shared_from_this<SafariTabAPI> {
   // rebuilds the tab's snapshot with events. Any other ask goes to
   // `handler` (dropped when none is set); an ANSWER completes the pending
   // reply of its uid (ignored when there is none); other types only tie
-  // the page to its tab.
+  // the page to its tab. A page whose tab is gone gets "VALIDATE_TAB"
+  // answered false and its other messages dropped.
+  // REQUIRES: page != nullptr.
   void onPageMessage(const std::string& name, std::optional<Dictionary> userInfo,
                      std::shared_ptr<SFSafariPage> page);
 
   // The cached snapshot of `tab`, or a new one built from its first page
   // (update events suppressed; a new tab is still announced).
+  // REQUIRES: tab != nullptr.
   void getTabState(std::shared_ptr<SFSafariTab> tab, TabStateCompletion completion);
   // getTabState for each of `tabs`; the completion gets them in order.
   void getTabStates(std::vector<std::shared_ptr<SFSafariTab>> tabs, TabStatesCompletion completion);
@@ -109,6 +112,7 @@ class SafariTabAPI : public std::enable_shared_from_this<SafariTabAPI> {
   // page) and the tab's window, stores it and hands it to `completion`.
   // Then fires "create" for a tab seen for the first time, or "update"
   // unless `suppressUpdates`.
+  // REQUIRES: tab != nullptr.
   void buildTabState(std::shared_ptr<SFSafariTab> tab, std::shared_ptr<SFSafariPage> page,
                      bool suppressUpdates, TabStateCompletion completion);
 
@@ -123,7 +127,9 @@ class SafariTabAPI : public std::enable_shared_from_this<SafariTabAPI> {
   void dispatchToPages(const std::vector<std::shared_ptr<SFSafariPage>>& pages,
                        const Dictionary& userInfo);
 
-  // Answers `request` (same uid and frame id) with `reply`, to `page` only.
+  // Answers `request` (same uid and frame id) with `reply`, to `page` only:
+  // a failure as "err", a success's value (if any) as "data".
+  // REQUIRES: page != nullptr.
   void answerPage(const Message& request, Result reply, const std::shared_ptr<SFSafariPage>& page);
 
   // Snapshots of every tab of every window, windows in order, each

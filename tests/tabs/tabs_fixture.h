@@ -121,7 +121,8 @@ class TabsFixture : public ::testing::Test {
 
   ~TabsFixture() override { EXPECT_TRUE(sim->waitForIdle()) << "the browser never fell quiet"; }
 
-  // Runs `op` with a completion and waits for its one result.
+  // Runs `op` with a completion and waits for its one result, and then for
+  // the events that may follow it.
   template <class Op>
   Result call(Op&& op) {
     auto promise = std::make_shared<std::promise<Result>>();
@@ -131,16 +132,26 @@ class TabsFixture : public ::testing::Test {
       ADD_FAILURE() << "no result";
       return failure("<no result>");
     }
+    sim->waitForIdle();
     return future.get();
   }
 
-  // The snapshot of `tab` as getTabState hands it out.
+  // The snapshot of `tab` as getTabState hands it out, once the event that
+  // may follow has fired.
   std::shared_ptr<TabState> stateOf(const std::shared_ptr<SFSafariTab>& tab) {
     auto promise = std::make_shared<std::promise<std::shared_ptr<TabState>>>();
     auto future = promise->get_future();
     tabs->getTabState(tab, [promise](std::shared_ptr<TabState> s) { promise->set_value(std::move(s)); });
     EXPECT_EQ(future.wait_for(10s), std::future_status::ready);
-    return future.get();
+    auto state = future.get();
+    sim->waitForIdle();
+    return state;
+  }
+
+  // The window registry's snapshot of `window`, or nullptr.
+  std::shared_ptr<WindowState> stateOfWindow(const std::shared_ptr<SFSafariWindow>& window) {
+    auto found = windows->cache().get(WeakRef<SFSafariWindow>(window));
+    return found ? found->value : nullptr;
   }
 
   // Rebuilds the snapshot of `tab` from its active page, with events.

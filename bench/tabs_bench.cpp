@@ -1,0 +1,165 @@
+// Costs of the tab registry against the simulated browser: a page message
+// from a content script to the router's handler, and tabs.query as the
+// number of tabs grows. Lookups by tab are linear scans of the registry by
+// design (browser tabs can only be compared, not hashed), and a query looks
+// up every tab once, so its cost grows with the square of the tab count;
+// the table shows by how much.
+#include <benchmark/benchmark.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <iostream>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "bench/ratio_reporter.h"
+#include "core/context.h"
+#include "core/log.h"
+#include "core/thread_pool.h"
+#include "host/message.h"
+#include "platform/sim/sim_browser.h"
+#include "platform/sim/sim_page.h"
+#include "platform/sim/sim_tab.h"
+#include "platform/sim/sim_window.h"
+#include "tabs/safari_tab_api.h"
+
+namespace appex::bench {
+namespace {
+
+// A Context with a simulated browser of `tabCount` tabs (in windows of at
+// most 50) whose snapshots are all registered already.
+struct Browser {
+  explicit Browser(int tabCount, sim::Delivery delivery) : scope(context) {
+    sim->setDelivery(delivery);
+    sim->install(context);
+    tabs = SafariTabAPI::shared();
+    std::shared_ptr<sim::SimWindow> window;
+    for (int i = 0; i < tabCount; ++i) {
+      if (i % 50 == 0) window = sim->openWindow();
+      lastTab = window->addTab("https://site" + std::to_string(i) + ".example/path", "Title");
+    }
+    std::weak_ptr<SafariTabAPI> weak = tabs;
+    sim->setIntake([weak](std::string name, std::shared_ptr<SFSafariPage> page, std::optional<Dictionary> info) {
+      if (auto t = weak.lock()) t->onPageMessage(name, std::move(info), std::move(page));
+    });
+    tabs->refreshTabs([](auto) {});
+    sim->waitForIdle();
+  }
+  ~Browser() { sim->waitForIdle(); }
+
+  Context context;
+  ScopedContext scope;
+  std::shared_ptr<sim::SimBrowser> sim = sim::SimBrowser::create();
+  std::shared_ptr<SafariTabAPI> tabs;
+  std::shared_ptr<sim::SimTab> lastTab;
+};
+
+Dictionary typicalAsk() {
+  Message m;
+  m.type = MessageType::ask;
+  m.uid = "ipcp_1700000000000_417";
+  m.cmd = "messaging";
+  m.args = Dictionary{{"target", "api"},
+                      {"action", Dictionary{{"cmd", "tabs.query"},
+                                            {"args", Dictionary{{"active", true}, {"meta", Dictionary{}}}}}}};
+  m.frameId = 0;
+  return m.build();
+}
+
+// Baseline: parsing the message, the least any intake does.
+void MessageParse(benchmark::State& state) {
+  const Dictionary ask = typicalAsk();
+  for (auto _ : state) benchmark::DoNotOptimize(Message::parse(ask));
+}
+BENCHMARK(MessageParse);
+
+// From the content script's post to the handler, completions inline: the
+// registry's own work (tab lookup among `range` known tabs, enrichment).
+void PageIntakeInline(benchmark::State& state) {
+  Browser browser(static_cast<int>(state.range(0)), sim::Delivery::inlineOnCaller);
+  benchmark::IterationCount handled = 0;
+  browser.tabs->setHandler([&](Message m, ResultCallback) { handled += m.args.has_value(); });
+  auto page = browser.lastTab->activePage();  // the last registered: a full scan
+  const Dictionary ask = typicalAsk();
+  for (auto _ : state) page->sendMessageToExtension("__APP_EXTENSION__", ask);
+  if (handled != state.iterations()) state.SkipWithError("a message missed the handler");
+}
+BENCHMARK(PageIntakeInline)->Arg(1)->Arg(100);
+
+// Baseline for the threaded intake: one hop to a worker thread and back.
+void WorkerRoundTrip(benchmark::State& state) {
+  std::mutex mutex;
+  std::condition_variable cv;
+  bool done = false;
+  for (auto _ : state) {
+    ThreadPool::shared().post([&] {
+      std::lock_guard lock(mutex);
+      done = true;
+      cv.notify_one();
+    });
+    std::unique_lock lock(mutex);
+    cv.wait(lock, [&] { return done; });
+    done = false;
+  }
+}
+BENCHMARK(WorkerRoundTrip)->UseRealTime();
+
+// The same intake with completions on worker threads, as in the browser:
+// latency from the post until the handler has the message.
+void PageIntakeThreaded(benchmark::State& state) {
+  Browser browser(1, sim::Delivery::workerThreads);
+  std::mutex mutex;
+  std::condition_variable cv;
+  bool handled = false;
+  browser.tabs->setHandler([&](Message, ResultCallback) {
+    std::lock_guard lock(mutex);
+    handled = true;
+    cv.notify_one();
+  });
+  auto page = browser.lastTab->activePage();
+  const Dictionary ask = typicalAsk();
+  for (auto _ : state) {
+    page->sendMessageToExtension("__APP_EXTENSION__", ask);
+    std::unique_lock lock(mutex);
+    cv.wait(lock, [&] { return handled; });
+    handled = false;
+  }
+}
+BENCHMARK(PageIntakeThreaded)->UseRealTime();
+
+// tabs.query {"active": true, "url": "example"} over `range` known tabs,
+// completions inline.
+void TabsQuery(benchmark::State& state) {
+  Browser browser(static_cast<int>(state.range(0)), sim::Delivery::inlineOnCaller);
+  const TabQuery query = TabQuery::fromArguments({{"active", true}, {"url", "example"}});
+  std::size_t kept = 0;
+  for (auto _ : state) {
+    browser.tabs->queryTabs(query, [&](Result r) { kept = r.value()->as_array().size(); });
+  }
+  if (kept != static_cast<std::size_t>((state.range(0) + 49) / 50)) state.SkipWithError("wrong result");
+  state.counters["tabs"] = static_cast<double>(state.range(0));
+}
+BENCHMARK(TabsQuery)->Arg(10)->Arg(100)->Arg(1000);
+
+}  // namespace
+}  // namespace appex::bench
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  // Every first sighting of a tab logs a line; keep them off the table.
+  appex::setLogSink([](appex::LogDestination, std::string_view) {});
+  appex::bench::RatioReporter reporter({
+      {"page intake -> handler, 1 tab, inline", "PageIntakeInline/1", "MessageParse"},
+      {"page intake -> handler, 100 tabs, inline", "PageIntakeInline/100", "MessageParse"},
+      {"page intake -> handler, worker threads", "PageIntakeThreaded/real_time", "WorkerRoundTrip/real_time"},
+      {"tabs.query, 10 tabs (vs message parse)", "TabsQuery/10", "MessageParse"},
+      {"tabs.query, 100 tabs (vs 10 tabs)", "TabsQuery/100", "TabsQuery/10"},
+      {"tabs.query, 1000 tabs (vs 10 tabs)", "TabsQuery/1000", "TabsQuery/10"},
+      {"tabs.query, 1000 tabs (vs 100 tabs)", "TabsQuery/1000", "TabsQuery/100"},
+  });
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  reporter.PrintTable(std::cout);
+  benchmark::Shutdown();
+  return 0;
+}
