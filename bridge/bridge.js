@@ -193,6 +193,17 @@
     return '"' + String(value) + '"';
   }
 
+  // An error that survives the trip to native code. The native link carries
+  // plain data only: an Error object arrives there as an empty object, its
+  // message lost. This one is a plain object inheriting from Error.prototype
+  // (so `instanceof Error` and `.message` work in the page) whose message is
+  // an own, enumerable property.
+  function wireError(message) {
+    return Object.create(Error.prototype, {
+      message: { value: message, enumerable: true, writable: true, configurable: true }
+    });
+  }
+
   // Runs the handlers in registration order. The first one that throws or
   // returns something other than undefined decides: the result is a promise
   // of its value (rejected if it threw or its promise rejects). When every
@@ -278,7 +289,7 @@
       entry.timer = setTimeout(function () {
         if (!isUnhandled(entry.uid)) return;
         // The entry stays queued: a handler registered later still replays it.
-        channel.sendAnswer(entry.uid, new Error('ipcPromise: answer timeout ' + timeout +
+        channel.sendAnswer(entry.uid, wireError('ipcPromise: answer timeout ' + timeout +
           ' for cmd ' + quoted(entry.cmd) + ', args ' + quoted(entry.args)), undefined);
       }, timeout);
 
@@ -371,23 +382,6 @@
     return messageHandlers && messageHandlers[NATIVE_HANDLER_NAME];
   }
 
-  // The native link carries plain data: an Error object reaches native code
-  // as an empty object, its message lost (own "message" is not enumerable).
-  // An answer whose "err" is an Error (the answer time-out, a failed replay)
-  // therefore gets its message made enumerable before it is posted; it stays
-  // the same Error for everything else.
-  function exposeErrorMessage(data) {
-    var err = data && data.err;
-    if (!(err instanceof Error) || Object.prototype.propertyIsEnumerable.call(err, 'message')) return;
-    try {
-      Object.defineProperty(err, 'message', {
-        value: err.message, enumerable: true, writable: true, configurable: true
-      });
-    } catch (e) {
-      // A frozen error goes as it is.
-    }
-  }
-
   // Posts to native code. While the native handler is missing, messages are
   // buffered (returns false); the next call that finds the handler sends the
   // buffer, oldest first, ahead of its own message (returns true). Nothing
@@ -395,7 +389,6 @@
   function createCallBridge() {
     var buffer = [];
     return function callBridge(data) {
-      exposeErrorMessage(data);
       var handler = nativeHandler();
       if (!handler) {
         buffer.push(data);

@@ -10,9 +10,10 @@ endif()
 file(READ "${INPUT}" hex HEX)
 string(LENGTH "${hex}" hexLength)
 math(EXPR size "${hexLength} / 2")
-# 24 bytes to a line, each byte as 0xNN.
-string(REGEX REPLACE "([0-9a-f][0-9a-f])" "0x\\1," bytes "${hex}")
-string(REGEX REPLACE "((0x[0-9a-f][0-9a-f],){24})" "\\1\n    " bytes "${bytes}")
+# 24 bytes (48 hexadecimal digits) to a line, each byte as 0xNN. CMake's
+# regular expressions have no counted repetition, hence the 48 dots.
+string(REGEX REPLACE "(................................................)" "\\1\n    " bytes "${hex}")
+string(REGEX REPLACE "([0-9a-f][0-9a-f])" "0x\\1," bytes "${bytes}")
 
 file(WRITE "${OUTPUT}"
 "// Generated from ${INPUT} by bridge/embed_script.cmake. Do not edit.

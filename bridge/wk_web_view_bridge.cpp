@@ -61,19 +61,6 @@ std::string describe(const std::optional<AnyValue>& data) {
   return "Optional(" + boost::json::serialize(*data) + ")";
 }
 
-// The page reports a failed answer with an object as "err" (an encoded
-// error, or an error carrying an enumerable message). The message record
-// only keeps a string "err", so the object is turned into its text first.
-std::optional<Message> parsePagePost(const Dictionary& body) {
-  auto err = body.find("err");
-  if (err == body.end() || !err->value().is_object()) return Message::parse(body);
-  const Dictionary& failure = err->value().get_object();
-  std::optional<std::string> text = asString(failure, "message");
-  Dictionary copy = body;
-  copy["err"] = text ? *text : boost::json::serialize(failure);
-  return Message::parse(copy);
-}
-
 }  // namespace
 
 std::shared_ptr<WKWebViewBridge> WKWebViewBridge::create(std::string name,
@@ -104,8 +91,12 @@ void WKWebViewBridge::ask(const std::string& channel, std::string cmd,
   message.uid = newUid();
   message.cmd = std::move(cmd);
   message.args = std::move(args);
-  // Stored before the ask can reach the page, so its answer finds it.
-  callbacks_.set(message.uid, std::move(callback));
+  // Stored before the ask can reach the page, so its answer finds it. A
+  // waiting write on the caller's thread: an asynchronous one would hand
+  // every ask to a worker thread, which costs more than the write itself.
+  callbacks_.mutatingSync([&](auto& pending) {
+    pending.insert_or_assign(message.uid, std::move(callback));
+  });
   post(message, channel);
 }
 
@@ -122,7 +113,7 @@ void WKWebViewBridge::didReceiveScriptMessage(const AnyValue& body) {
   if (!dictionary) return;
   std::optional<std::string> channel = asString(*dictionary, "channelName");
   if (!channel) return;
-  std::optional<Message> message = parsePagePost(*dictionary);
+  std::optional<Message> message = Message::parse(*dictionary);
   if (!message) return;
 
   switch (message->type) {

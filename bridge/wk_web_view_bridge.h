@@ -23,9 +23,10 @@
 // native time-out.
 //
 // Page failures: the page sends a failed answer's "err" as an object (an
-// encoded error, or an error of its own whose message it makes enumerable);
-// such an answer completes the native ask with a failure whose text is the
-// object's "message" (its JSON text when it has none).
+// encoded error); the message record keeps only a string "err", so such an
+// answer completes the native ask as a success with its data (null), and a
+// failed answer without "data" (the page's own answer time-out) is not a
+// message at all and is dropped. Only a string "err" is a native failure.
 //
 // Threading: ask, post and answer (and a handler's reply) are thread-safe.
 // Creation, destruction, registerHandler and the web-view callbacks are main
@@ -57,7 +58,7 @@ class WKWebViewBridge final : public IBridge,
   // Makes the bridge for `webView`: becomes its navigation delegate, sets
   // its "allowFileAccessFromFileURLs" preference to true and registers the
   // "Webview_Bridge" handler (through a LeakAvoider). `name` labels log
-  // lines only.
+  // lines only. `webView` must not be null.
   static std::shared_ptr<WKWebViewBridge> create(std::string name,
                                                  const std::shared_ptr<WebView>& webView);
   ~WKWebViewBridge() override;

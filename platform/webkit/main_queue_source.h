@@ -3,7 +3,8 @@
 // A GSource attached to the context runs the queue's blocks (drain) on the
 // thread that iterates the context, whenever the queue reports new work.
 // This is how work posted to MainQueue::shared() from any thread reaches the
-// GTK main thread, where the web views live.
+// GTK main thread, where the web views live. Make it on the thread that
+// iterates the context.
 //
 // The source is installed as the queue's driver for the object's lifetime
 // and removed in the destructor. wakeUp() is thread-safe; everything else
@@ -13,6 +14,7 @@
 #include <glib.h>
 
 #include <atomic>
+#include <thread>
 
 #include "core/main_queue.h"
 
@@ -26,7 +28,9 @@ class MainQueueSource final : public MainQueue::Driver {
   MainQueueSource& operator=(const MainQueueSource&) = delete;
 
   // From any thread, possibly with the queue's lock held: flags the source
-  // ready and wakes the context. Never calls back into the queue.
+  // ready and wakes the context. Never calls back into the queue. On the
+  // context's own thread no wake-up is needed: that thread checks the source
+  // before it next sleeps.
   void wakeUp() override;
 
  private:
@@ -37,6 +41,7 @@ class MainQueueSource final : public MainQueue::Driver {
 
   MainQueue& queue_;
   GMainContext* context_;
+  const std::thread::id loopThread_ = std::this_thread::get_id();
   GSource* source_ = nullptr;
   std::atomic<bool> ready_{false};
 };
