@@ -72,14 +72,14 @@ class Context {
   std::shared_ptr<T> make() {
     if constexpr (requires { T::create(*this); }) {
       return T::create(*this);
-    } else if constexpr (std::is_abstract_v<T>) {
-      // An interface the host must install with set<T>() before first use.
+    } else if constexpr (!std::is_abstract_v<T> && std::is_constructible_v<T, Context&>) {
+      return std::make_shared<T>(*this);
+    } else if constexpr (!std::is_abstract_v<T> && std::is_default_constructible_v<T>) {
+      return std::make_shared<T>();
+    } else {
+      // An object the host must install with set<T>() before first use.
       std::fprintf(stderr, "Context: no %s installed\n", typeid(T).name());
       std::abort();
-    } else if constexpr (std::is_constructible_v<T, Context&>) {
-      return std::make_shared<T>(*this);
-    } else {
-      return std::make_shared<T>();
     }
   }
 

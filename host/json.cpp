@@ -68,7 +68,10 @@ std::optional<std::string> JSON::stringify(const std::optional<AnyValue>& value)
   if (!value) return std::nullopt;
   if (const auto* b = value->if_bool()) return std::string(*b ? "true" : "false");
   if (const auto* s = value->if_string()) {
-    return "\"" + escapeForScript(std::string_view(s->data(), s->size())) + "\"";
+    std::string out = "\"";
+    out.append(escapeForScript(std::string_view(s->data(), s->size())));
+    out.push_back('"');
+    return out;
   }
   if (hasNonFiniteNumber(*value)) {
     printLine("JSON write error: invalid number (NaN or infinity) in value");
