@@ -1,0 +1,82 @@
+#include "platform/extension_manifest.h"
+
+namespace appex {
+namespace {
+
+std::vector<std::string> pathsUnder(const Dictionary& extension, std::string_view listKey,
+                                    std::string_view itemKey, std::vector<std::string>& problems) {
+  std::vector<std::string> out;
+  auto it = extension.find(listKey);
+  if (it == extension.end()) return out;
+  const auto* list = it->value().if_array();
+  if (!list) {
+    problems.push_back(std::string(listKey) + " is not an array");
+    return out;
+  }
+  for (std::size_t i = 0; i < list->size(); ++i) {
+    const auto* item = (*list)[i].if_object();
+    auto path = item ? asString(*item, itemKey) : std::nullopt;
+    if (!path || path->empty()) {
+      problems.push_back(std::string(listKey) + " entry " + std::to_string(i) + " has no \"" +
+                         std::string(itemKey) + "\" string");
+      continue;
+    }
+    out.push_back(std::move(*path));
+  }
+  return out;
+}
+
+}  // namespace
+
+ExtensionManifest ExtensionManifest::read(const Dictionary& info) {
+  ExtensionManifest manifest;
+  const Dictionary* extension = asDictionary(info, "NSExtension");
+  if (!extension) return manifest;
+  manifest.scripts = pathsUnder(*extension, "SFSafariContentScript", "Script", manifest.problems);
+  manifest.styleSheets = pathsUnder(*extension, "SFSafariStyleSheet", "Style Sheet", manifest.problems);
+  if (const Dictionary* access = asDictionary(*extension, "SFSafariWebsiteAccess")) {
+    if (auto level = asString(*access, "Level")) {
+      if (*level == "All" || *level == "Some" || *level == "None") {
+        manifest.accessLevel = *level;
+      } else {
+        manifest.problems.push_back("SFSafariWebsiteAccess Level \"" + *level +
+                                    "\" is not All, Some or None");
+      }
+    }
+    if (auto it = access->find("Allowed Domains"); it != access->end()) {
+      if (auto domains = asStringList(it->value())) {
+        manifest.allowedDomains = std::move(*domains);
+      } else {
+        manifest.problems.push_back("SFSafariWebsiteAccess Allowed Domains is not a list of strings");
+      }
+    }
+  }
+  if (const Dictionary* item = asDictionary(*extension, "SFSafariToolbarItem")) {
+    ToolbarItemDeclaration declared;
+    declared.action = asString(*item, "Action").value_or("Command");
+    declared.identifier = asString(*item, "Identifier");
+    declared.image = asString(*item, "Image");
+    declared.label = asString(*item, "Label");
+    manifest.toolbarItem = std::move(declared);
+  }
+  return manifest;
+}
+
+bool ExtensionManifest::admitsHost(std::string_view host) const {
+  if (accessLevel == "All") return true;
+  if (accessLevel == "None") return false;
+  for (const auto& pattern : allowedDomains) {
+    std::string_view p = pattern;
+    if (p.starts_with("*.")) {
+      std::string_view base = p.substr(2);
+      if (host == base) return true;
+      if (host.size() > base.size() && host.ends_with(base) && host[host.size() - base.size() - 1] == '.')
+        return true;
+    } else if (host == p) {
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace appex
