@@ -81,15 +81,15 @@ void SafariMessagingAPI::setPopupWebview(std::shared_ptr<WebView> webView) {
 }
 
 void SafariMessagingAPI::onBackgroundAsk(const Message& ask, ResultCallback reply) {
-  route(ask, std::move(reply), MessageTarget::Kind::background, false);
+  route(ask, std::move(reply), MessageTarget::Kind::background, false, "background");
 }
 
 void SafariMessagingAPI::onPopupAsk(const Message& ask, ResultCallback reply) {
-  route(ask, std::move(reply), MessageTarget::Kind::popup, false);
+  route(ask, std::move(reply), MessageTarget::Kind::popup, false, "popup");
 }
 
 void SafariMessagingAPI::onPageAsk(const Message& ask, ResultCallback reply) {
-  route(ask, std::move(reply), MessageTarget::Kind::tab, true);
+  route(ask, std::move(reply), MessageTarget::Kind::tab, true, "page");
 }
 
 std::expected<CommandMessageData, std::string> SafariMessagingAPI::parseRequest(const Message& ask) {
@@ -109,8 +109,44 @@ std::expected<CommandMessageData, std::string> SafariMessagingAPI::parseRequest(
   return std::move(*data);
 }
 
+void SafariMessagingAPI::setTrace(Trace trace) {
+  std::lock_guard lock(mutex_);
+  trace_ = trace ? std::make_shared<const Trace>(std::move(trace)) : nullptr;
+}
+
+namespace {
+
+std::string describeTarget(const MessageTarget& target) {
+  switch (target.kind) {
+    case MessageTarget::Kind::api: return "api";
+    case MessageTarget::Kind::background: return "background";
+    case MessageTarget::Kind::popup: return "popup";
+    case MessageTarget::Kind::tab:
+      return "tab " + target.tabId + (target.pageId ? "/" + *target.pageId : "");
+  }
+  return "?";
+}
+
+}  // namespace
+
+ResultCallback SafariMessagingAPI::traced(const char* sender, const MessageTarget& target,
+                                          const std::string& cmd, ResultCallback reply) {
+  std::shared_ptr<const Trace> trace;
+  {
+    std::lock_guard lock(mutex_);
+    trace = trace_;
+  }
+  if (!trace) return reply;
+  const std::string to = describeTarget(target);
+  (*trace)(std::string(sender) + " -> " + to + " " + cmd);
+  return [trace, line = to + " => " + sender + " " + cmd, reply = std::move(reply)](Result r) mutable {
+    (*trace)(line + (r ? " ok" : " error: " + r.error().text));
+    reply(std::move(r));
+  };
+}
+
 void SafariMessagingAPI::route(const Message& ask, ResultCallback reply, MessageTarget::Kind refused,
-                               bool refusesTabs) {
+                               bool refusesTabs, const char* sender) {
   auto request = parseRequest(ask);
   if (!request) {
     logLine(request.error());
@@ -122,6 +158,7 @@ void SafariMessagingAPI::route(const Message& ask, ResultCallback reply, Message
     return;
   }
   Command& command = request->command;
+  reply = traced(sender, target, command.cmd, std::move(reply));
   switch (target.kind) {
     case MessageTarget::Kind::api:
       SafariApiInvoker(context_).invokeAPI(command.cmd, command.args, std::move(reply));

@@ -25,6 +25,7 @@
 // entries run on the main queue.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -67,12 +68,21 @@ class SafariMessagingAPI : public std::enable_shared_from_this<SafariMessagingAP
   void onPopupAsk(const Message& ask, ResultCallback reply);
   void onPageAsk(const Message& ask, ResultCallback reply);
 
+  // Receives one line per routed ask and per answer crossing the router
+  // ("page -> background ping", "background => page ping ok"); for hosts
+  // that show the traffic. Empty: no tracing (the default).
+  using Trace = std::function<void(const std::string& line)>;
+  void setTrace(Trace trace);
+
   // A routed request's parts, or the log text its rejection writes
   // ("Exit 1".."Exit 3").
   static std::expected<CommandMessageData, std::string> parseRequest(const Message& ask);
 
  private:
-  void route(const Message& ask, ResultCallback reply, MessageTarget::Kind refused, bool refusesTabs);
+  void route(const Message& ask, ResultCallback reply, MessageTarget::Kind refused, bool refusesTabs,
+             const char* sender);
+  ResultCallback traced(const char* sender, const MessageTarget& target, const std::string& cmd,
+                        ResultCallback reply);
   void bindEventsForBackground();
   void relayToBackground(const std::string& cmd, const AnyValue& args);
 
@@ -83,6 +93,7 @@ class SafariMessagingAPI : public std::enable_shared_from_this<SafariMessagingAP
   std::shared_ptr<WebView> popupWebview_;              // guarded by mutex_
   std::shared_ptr<WKWebViewBridge> popupBridge_;       // guarded by mutex_
   std::vector<Disposer> subscriptions_;                // main queue only
+  std::shared_ptr<const Trace> trace_;                 // guarded by mutex_
 };
 
 }  // namespace appex

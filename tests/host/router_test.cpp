@@ -52,6 +52,12 @@ TEST_F(RouterTest, ContentAskToBackgroundIsAnsweredToTheAskingPageOnly) {
 
 TEST_F(RouterTest, ContentAsksReachTheApi) {
   startBackground();
+  std::vector<std::string> trace;
+  std::mutex traceMutex;
+  router->setTrace([&](const std::string& line) {
+    std::lock_guard lock(traceMutex);
+    trace.push_back(line);
+  });
   pageAsks("q", request("api", "tabs.query", json(R"({"active":true})")));
   pageAsks("s", request("api", "storage.local.set", json(R"({"k":"v"})")));
   pageAsks("g", request("api", "storage.local.get", json(R"(["k"])")));
@@ -65,6 +71,12 @@ TEST_F(RouterTest, ContentAsksReachTheApi) {
   EXPECT_EQ(byUid["s"].data, AnyValue(true));
   EXPECT_EQ(byUid["g"].data, json(R"({"k":"v"})"));
   EXPECT_EQ(byUid["bad"].err, "[tabs.get] id is required");
+  router->setTrace(nullptr);
+  std::lock_guard lock(traceMutex);
+  ASSERT_GE(trace.size(), 8u);
+  EXPECT_EQ(trace[0], "page -> api tabs.query");
+  EXPECT_EQ(trace[1], "api => page tabs.query ok");
+  EXPECT_EQ(trace.back(), "api => page tabs.get error: [tabs.get] id is required");
 }
 
 TEST_F(RouterTest, BadgeSetThroughTheApiShowsAfterValidation) {
