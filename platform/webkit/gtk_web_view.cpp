@@ -158,4 +158,6 @@ bool GtkWebView::loadFileURL(const std::string& path, const std::string& readAcc
 
 void GtkWebView::reload() { webkit_web_view_reload(impl_->view); }
 
+WebKitWebView* GtkWebView::webkitWebView() const { return impl_->view; }
+
 }  // namespace appex::webkit

@@ -18,6 +18,9 @@
 
 #include "platform/web_view.h"
 
+// The engine's widget type, opaque here (webkit2/webkit2.h defines it).
+typedef struct _WebKitWebView WebKitWebView;
+
 namespace appex::webkit {
 
 class GtkWebView final : public WebView {
@@ -34,6 +37,13 @@ class GtkWebView final : public WebView {
   void setNavigationDelegate(std::weak_ptr<NavigationDelegate> delegate) override;
   bool loadFileURL(const std::string& path, const std::string& readAccessFolder) override;
   void reload() override;
+
+  // The engine's web view, for the rest of platform/webkit (snapshots, the
+  // popover). It lives in this object's offscreen window, which owns it.
+  // Code that moves it into another container must move it back before
+  // destroying that container; if this object dies first, the view stays
+  // where it was moved and its new container disposes of it.
+  WebKitWebView* webkitWebView() const;
 
  private:
   struct Impl;
