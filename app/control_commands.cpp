@@ -1,0 +1,190 @@
+#include "app/control_commands.h"
+
+#include "app/control_channel.h"
+#include "app/host_session.h"
+#include "core/context.h"
+#include "platform/popover.h"
+#include "platform/user_defaults.h"
+#include "platform/webkit/script_evaluation.h"
+#include "platform/webkit/webkit_browser.h"
+#include "platform/webkit/webkit_tab.h"
+#include "platform/webkit/webkit_window.h"
+
+namespace appex {
+namespace {
+
+using webkit::WebKitTab;
+using webkit::WebKitWindow;
+
+std::optional<std::string> param(const Dictionary& request, std::string_view key) {
+  return asString(request, key);
+}
+
+// The named window, or the active one when none is named.
+std::shared_ptr<WebKitWindow> windowFor(HostSession& s, const Dictionary& request, std::string* error) {
+  if (auto handle = param(request, "window")) {
+    auto w = s.window(*handle);
+    if (!w) *error = "no window " + *handle;
+    return w;
+  }
+  auto w = s.browser().activeWindow();
+  if (!w) *error = "no window is open";
+  return w;
+}
+
+std::shared_ptr<WebKitTab> tabFor(HostSession& s, const Dictionary& request, std::string* error) {
+  auto handle = param(request, "tab");
+  if (!handle) {
+    *error = "\"tab\" is required";
+    return nullptr;
+  }
+  auto t = s.tab(*handle);
+  if (!t) *error = "no tab " + *handle;
+  return t;
+}
+
+Result evaluated(std::expected<AnyValue, std::string> value) {
+  if (!value) return failure(value.error());
+  return success(std::move(*value));
+}
+
+}  // namespace
+
+void addControlCommands(ControlChannel& channel, HostSession& s, std::function<void()> quit) {
+  channel.add("openTab", [&s](const Dictionary& r, ResultCallback reply) {
+    auto url = param(r, "url");
+    if (!url) return reply(failure("\"url\" is required"));
+    std::string error;
+    auto w = windowFor(s, r, &error);
+    if (!w) return reply(failure(error));
+    auto t = w->openTab(*url, asBool(r, "active").value_or(true));
+    if (!t) return reply(failure("cannot open " + *url));
+    reply(success(Dictionary{{"tab", s.handleOf(t)}, {"window", s.handleOf(w)}}));
+  });
+  channel.add("openWindow", [&s](const Dictionary& r, ResultCallback reply) {
+    auto url = param(r, "url");
+    if (!url) return reply(failure("\"url\" is required"));
+    auto w = s.browser().openWindow(*url, asBool(r, "private").value_or(false));
+    if (!w) return reply(failure("cannot open " + *url));
+    auto tabs = w->tabs();
+    reply(success(Dictionary{{"window", s.handleOf(w)},
+                             {"tab", tabs.empty() ? AnyValue(nullptr) : AnyValue(s.handleOf(tabs.front()))}}));
+  });
+  channel.add("navigate", [&s](const Dictionary& r, ResultCallback reply) {
+    std::string error;
+    auto t = tabFor(s, r, &error);
+    if (!t) return reply(failure(error));
+    auto url = param(r, "url");
+    if (!url) return reply(failure("\"url\" is required"));
+    if (!webkit::isLoadableURL(*url)) return reply(failure("cannot load " + *url));
+    t->navigateToURL(*url);
+    reply(success(true));
+  });
+  channel.add("activateTab", [&s](const Dictionary& r, ResultCallback reply) {
+    std::string error;
+    auto t = tabFor(s, r, &error);
+    if (!t) return reply(failure(error));
+    auto shared = std::make_shared<ResultCallback>(std::move(reply));
+    t->activate([shared] { (*shared)(success(true)); });
+  });
+  channel.add("closeTab", [&s](const Dictionary& r, ResultCallback reply) {
+    std::string error;
+    auto t = tabFor(s, r, &error);
+    if (!t) return reply(failure(error));
+    t->close();
+    reply(success(true));
+  });
+  channel.add("closeWindow", [&s](const Dictionary& r, ResultCallback reply) {
+    auto handle = param(r, "window");
+    if (!handle) return reply(failure("\"window\" is required"));
+    auto w = s.window(*handle);
+    if (!w) return reply(failure("no window " + *handle));
+    w->close();
+    reply(success(true));
+  });
+  channel.add("listTabs", [&s](const Dictionary&, ResultCallback reply) {
+    List out;
+    for (const auto& w : s.browser().windows()) {
+      auto active = w->activeTab();
+      for (const auto& t : w->tabs()) {
+        auto page = t->page();
+        auto properties = page ? page->properties() : std::nullopt;
+        out.push_back(Dictionary{
+            {"tab", s.handleOf(t)},
+            {"window", s.handleOf(w)},
+            {"url", properties && properties->url ? AnyValue(*properties->url) : AnyValue(nullptr)},
+            {"title", properties && properties->title ? AnyValue(*properties->title) : AnyValue(nullptr)},
+            {"active", t == active}});
+      }
+    }
+    reply(success(std::move(out)));
+  });
+  channel.add("eval", [&s](const Dictionary& r, ResultCallback reply) {
+    auto code = param(r, "code");
+    if (!code) return reply(failure("\"code\" is required"));
+    const std::string where = param(r, "in").value_or("background");
+    auto done = [reply = std::move(reply)](std::expected<AnyValue, std::string> v) mutable {
+      reply(evaluated(std::move(v)));
+    };
+    if (where == "background") {
+      auto view = s.backgroundWebView();
+      if (!view) return done(std::unexpected(std::string("the background page is not up yet")));
+      return webkit::evaluateInWebView(view, *code, std::move(done));
+    }
+    if (where == "popup") return webkit::evaluateInWebView(s.popupWebView(), *code, std::move(done));
+    if (where == "tab") {
+      std::string error;
+      auto t = tabFor(s, r, &error);
+      if (!t) return done(std::unexpected(error));
+      const std::string world = param(r, "world").value_or("content");
+      if (world != "content" && world != "page") {
+        return done(std::unexpected("\"world\" is \"content\" or \"page\", not \"" + world + "\""));
+      }
+      return webkit::evaluateInTab(t, *code, world == "content", std::move(done));
+    }
+    done(std::unexpected("\"in\" is \"background\", \"popup\" or \"tab\", not \"" + where + "\""));
+  });
+  channel.add("clickToolbar", [&s](const Dictionary& r, ResultCallback reply) {
+    std::string error;
+    auto w = windowFor(s, r, &error);
+    if (!w) return reply(failure(error));
+    w->clickToolbarItem();
+    reply(success(true));
+  });
+  channel.add("closePopover", [&s](const Dictionary&, ResultCallback reply) {
+    s.context().get<Popover>()->dismiss();
+    reply(success(true));
+  });
+  channel.add("toolbar", [&s](const Dictionary& r, ResultCallback reply) {
+    std::string error;
+    auto w = windowFor(s, r, &error);
+    if (!w) return reply(failure(error));
+    reply(success(s.toolbarState(w)));
+  });
+  channel.add("popover", [&s](const Dictionary&, ResultCallback reply) {
+    reply(success(s.popoverState()));
+  });
+  channel.add("snapshot", [&s](const Dictionary& r, ResultCallback reply) {
+    auto of = param(r, "of");
+    auto path = param(r, "path");
+    if (!of || !path) return reply(failure("\"of\" and \"path\" are required"));
+    if (*of == "tab") {
+      auto handle = param(r, "tab");
+      if (!handle) return reply(failure("\"tab\" is required for a tab snapshot"));
+      return s.snapshot(*handle, *path, std::move(reply));
+    }
+    if (*of != "background" && *of != "popover") {
+      return reply(failure("\"of\" is \"background\", \"popover\" or \"tab\", not \"" + *of + "\""));
+    }
+    s.snapshot(*of, *path, std::move(reply));
+  });
+  channel.add("defaults", [&s](const Dictionary&, ResultCallback reply) {
+    reply(success(s.context().get<UserDefaults>()->dictionaryRepresentation()));
+  });
+  channel.add("quit", [quit](const Dictionary&, ResultCallback reply) {
+    reply(success(true));
+    quit();
+  });
+}
+
+}  // namespace appex

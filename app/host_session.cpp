@@ -1,0 +1,285 @@
+#include "app/host_session.h"
+
+#include "bridge/safari_extension_view_controller.h"
+#include "core/context.h"
+#include "host/extension_handler_callbacks.h"
+#include "host/global_state.h"
+#include "host/safari_messaging_api.h"
+#include "platform/bundle.h"
+#include "platform/sqlite_user_defaults.h"
+#include "platform/web_view_factory.h"
+#include "platform/webkit/engine.h"
+#include "platform/webkit/script_evaluation.h"
+#include "platform/webkit/snapshot.h"
+#include "platform/webkit/webkit_browser.h"
+#include "platform/webkit/webkit_tab.h"
+#include "platform/webkit/webkit_toolbar_item.h"
+#include "platform/webkit/webkit_window.h"
+
+namespace appex {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr auto kPingInterval = std::chrono::milliseconds(250);
+constexpr auto kSnapshotPatience = std::chrono::seconds(20);
+
+AnyValue orNull(const std::optional<std::string>& s) { return s ? AnyValue(*s) : AnyValue(nullptr); }
+
+}  // namespace
+
+HostSession::HostSession(Context& context, webkit::Engine& engine, EventSink events)
+    : context_(context), engine_(engine), events_(std::move(events)) {}
+
+HostSession::~HostSession() {
+  if (browser_) browser_->shutdown();
+}
+
+std::expected<std::unique_ptr<HostSession>, std::string> HostSession::start(
+    webkit::Engine& engine, const RunOptions& options, CheckedBundle checked, EventSink events) {
+  Context& context = Context::current();
+  const std::string identifier = checked.bundle->bundleIdentifier();
+  context.set<Bundle>(checked.bundle);
+  const std::filesystem::path dataDir = options.dataDirectory.empty()
+                                            ? SqliteUserDefaults::defaultDataDirectory()
+                                            : std::filesystem::path(options.dataDirectory);
+  auto defaults = SqliteUserDefaults::open(dataDir, identifier);
+  if (!defaults) return std::unexpected("cannot open the extension's stored values: " + defaults.error());
+  context.set<UserDefaults>(*defaults);
+  context.set(std::make_shared<WebViewFactory>([&engine] { return engine.createWebView(); }));
+
+  std::unique_ptr<HostSession> session(new HostSession(context, engine, std::move(events)));
+  auto browser = webkit::WebKitBrowser::create(context);
+  if (!browser) return std::unexpected("cannot start the browser: " + browser.error());
+  session->browser_ = *browser;
+  session->browser_->install(context);
+  session->browser_->setCallbacks(std::make_shared<ExtensionHandlerCallbacks>(context));
+  SafariMessagingAPI::shared();  // the router takes the page messages from the first one on
+
+  // The first window: the browser validates its toolbar item when it
+  // becomes active, which brings up the background page.
+  std::vector<std::string> urls = options.open;
+  if (urls.empty()) urls.push_back("about:blank");
+  auto window = session->browser_->openWindow(urls.front(), options.privateWindow);
+  if (!window) return std::unexpected("cannot open " + urls.front() + " (not an http, https, file or about URL)");
+  for (std::size_t i = 1; i < urls.size(); ++i) {
+    if (!window->openTab(urls[i], false)) return std::unexpected("cannot open " + urls[i]);
+  }
+  session->tick();
+  return session;
+}
+
+std::shared_ptr<WebView> HostSession::backgroundWebView() const {
+  return context_.get<GlobalState>()->webview;
+}
+
+std::shared_ptr<WebView> HostSession::popupWebView() const {
+  auto controller = SafariExtensionViewController::shared();
+  controller->loadViewIfNeeded();
+  return controller->webview();
+}
+
+std::shared_ptr<webkit::WebKitWindow> HostSession::window(const std::string& handle) const {
+  auto it = windows_.find(handle);
+  auto w = it == windows_.end() ? nullptr : it->second.lock();
+  return w && !w->isClosed() ? w : nullptr;
+}
+
+std::shared_ptr<webkit::WebKitTab> HostSession::tab(const std::string& handle) const {
+  auto it = tabs_.find(handle);
+  auto t = it == tabs_.end() ? nullptr : it->second.lock();
+  return t && !t->isClosed() ? t : nullptr;
+}
+
+std::string HostSession::handleOf(const std::shared_ptr<webkit::WebKitWindow>& window) {
+  if (!window) return {};
+  auto it = handles_.find(window.get());
+  if (it != handles_.end()) return it->second;
+  std::string handle = "w" + std::to_string(nextWindow_++);
+  handles_[window.get()] = handle;
+  windows_[handle] = window;
+  return handle;
+}
+
+std::string HostSession::handleOf(const std::shared_ptr<webkit::WebKitTab>& tab) {
+  if (!tab) return {};
+  auto it = handles_.find(tab.get());
+  if (it != handles_.end()) return it->second;
+  std::string handle = "t" + std::to_string(nextTab_++);
+  handles_[tab.get()] = handle;
+  tabs_[handle] = tab;
+  Dictionary fields{{"tab", handle}, {"window", handleOf(tab->window())}};
+  auto page = tab->page();
+  auto properties = page ? page->properties() : std::nullopt;
+  fields["url"] = orNull(properties ? properties->url : std::nullopt);
+  events_("tabOpened", std::move(fields));
+  return handle;
+}
+
+Dictionary HostSession::toolbarState(const std::shared_ptr<webkit::WebKitWindow>& window) const {
+  auto item = window ? window->toolbarItem() : nullptr;
+  if (!item) return {};
+  auto image = item->image();
+  return Dictionary{{"image", image ? AnyValue(image->path) : AnyValue(nullptr)},
+                    {"badgeText", orNull(item->badgeText())},
+                    {"label", orNull(item->label())},
+                    {"enabled", item->isEnabled()}};
+}
+
+Dictionary HostSession::popoverState() const {
+  auto state = context_.get<Popover>()->state();
+  auto points = [](double v) {
+    return v == static_cast<double>(static_cast<std::int64_t>(v)) ? AnyValue(static_cast<std::int64_t>(v))
+                                                                  : AnyValue(v);
+  };
+  return Dictionary{{"shown", state.shown}, {"width", points(state.size.width)},
+                    {"height", points(state.size.height)}};
+}
+
+void HostSession::reconcile() {
+  // Tabs and windows the browser has that the host has not named yet
+  // (opened by the extension or by a page), and those that closed.
+  for (const auto& w : browser_->windows()) {
+    const std::string windowHandle = handleOf(w);
+    for (const auto& t : w->tabs()) handleOf(t);
+    Dictionary toolbar = toolbarState(w);
+    auto& last = lastToolbar_[windowHandle];
+    if (toolbar != last) {
+      last = toolbar;
+      Dictionary fields{{"window", windowHandle}};
+      for (auto& kv : toolbar) fields[kv.key()] = kv.value();
+      events_("toolbar", std::move(fields));
+    }
+  }
+  for (auto it = tabs_.begin(); it != tabs_.end();) {
+    auto t = it->second.lock();
+    if (t && !t->isClosed()) {
+      ++it;
+      continue;
+    }
+    events_("tabClosed", Dictionary{{"tab", it->first}});
+    std::erase_if(handles_, [&](const auto& entry) { return entry.second == it->first; });
+    it = tabs_.erase(it);
+  }
+  for (auto it = windows_.begin(); it != windows_.end();) {
+    auto w = it->second.lock();
+    if (w && !w->isClosed()) {
+      ++it;
+      continue;
+    }
+    lastToolbar_.erase(it->first);
+    std::erase_if(handles_, [&](const auto& entry) { return entry.second == it->first; });
+    it = windows_.erase(it);
+  }
+  const auto popover = context_.get<Popover>()->state();
+  if (!(popover == lastPopover_)) {
+    lastPopover_ = popover;
+    events_("popover", popoverState());
+  }
+}
+
+namespace {
+
+// Whether a page has loaded and, when it uses one, has its bridge: asks to
+// it are no longer lost from then on.
+constexpr const char* kLoadedProbe =
+    "document.readyState === 'complete' && typeof window.WKWebViewBridge === 'object'";
+
+}  // namespace
+
+void HostSession::probe(const std::shared_ptr<WebView>& view, std::shared_ptr<Probe> state) {
+  if (!view || state->inFlight || Clock::now() < state->next) return;
+  state->inFlight = true;
+  state->next = Clock::now() + kPingInterval;
+  webkit::evaluateInWebView(view, kLoadedProbe, [state](std::expected<AnyValue, std::string> loaded) {
+    state->inFlight = false;
+    if (loaded && loaded->is_bool() && loaded->as_bool()) state->loaded = true;
+  });
+}
+
+void HostSession::checkReadiness() {
+  if (ready_) return;
+  probe(backgroundWebView(), backgroundProbe_);
+  if (!backgroundProbe_->loaded) return;
+  ready_ = true;
+  events_("ready", Dictionary{});
+}
+
+void HostSession::runWaiting() {
+  const auto now = Clock::now();
+  std::vector<Waiting> still;
+  std::vector<Waiting> due;
+  for (auto& w : waiting_) {
+    if (w.due()) {
+      due.push_back(std::move(w));
+    } else if (now >= w.deadline) {
+      if (w.expire) w.expire();
+    } else {
+      still.push_back(std::move(w));
+    }
+  }
+  waiting_ = std::move(still);
+  for (auto& w : due) w.run();
+}
+
+void HostSession::tick() {
+  reconcile();
+  checkReadiness();
+  runWaiting();
+}
+
+void HostSession::snapshot(const std::string& what, const std::string& path, ResultCallback reply) {
+  auto shared = std::make_shared<ResultCallback>(std::move(reply));
+  auto written = [shared, path](std::expected<webkit::PixelSize, std::string> size) {
+    if (!size) {
+      (*shared)(failure("snapshot failed: " + size.error()));
+      return;
+    }
+    (*shared)(success(Dictionary{{"path", path}, {"width", size->width}, {"height", size->height}}));
+  };
+  const auto deadline = Clock::now() + kSnapshotPatience;
+  auto expire = [shared, what] { (*shared)(failure("snapshot of " + what + ": it never finished loading")); };
+
+  if (what == "background") {
+    waiting_.push_back({[this] { return ready_; },
+                        [this, path, written]() mutable {
+                          webkit::snapshotWebView(backgroundWebView(), path, std::move(written));
+                        },
+                        deadline, expire});
+    return;
+  }
+  if (what == "popover") {
+    if (!context_.get<Popover>()->state().shown) {
+      auto w = browser_->activeWindow();
+      if (!w) return (*shared)(failure("snapshot of popover: no window to open it in"));
+      w->clickToolbarItem();
+    }
+    // Shown, and the popup page has loaded with its bridge.
+    auto popup = std::make_shared<Probe>();
+    waiting_.push_back({[this, popup] {
+                          if (!context_.get<Popover>()->state().shown) return false;
+                          probe(popupWebView(), popup);
+                          return popup->loaded;
+                        },
+                        [this, path, written]() mutable {
+                          // A few turns more, so the page's own start-up has
+                          // painted.
+                          engine_.runFor(std::chrono::milliseconds(400));
+                          browser_->snapshotPopover(path, std::move(written));
+                        },
+                        deadline, expire});
+    return;
+  }
+  if (!tabs_.contains(what)) return (*shared)(failure("snapshot: no tab " + what));
+  waiting_.push_back({[this, what] {
+                        auto t = tab(what);
+                        return t && !t->isLoading();
+                      },
+                      [this, what, path, written]() mutable {
+                        auto t = tab(what);
+                        if (!t) return written(std::unexpected(std::string("the tab closed")));
+                        t->snapshot(path, std::move(written));
+                      },
+                      deadline, expire});
+}
+
+}  // namespace appex

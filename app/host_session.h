@@ -1,0 +1,124 @@
+// HostSession: one run of an extension on the WebKit browser, as `appex run`
+// drives it: the Context with the bundle, the user defaults, the browser and
+// the extension's entry; host handles for windows and tabs ("w1", "t1");
+// readiness of the background page; snapshots; and the events the
+// automation protocol reports.
+//
+// The session owns the main loop's turns (`tick`); the command line and the
+// automation protocol act on it between turns.
+//
+// Main thread only (the engine's), except where a method says otherwise.
+#pragma once
+
+#include <chrono>
+#include <expected>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "app/bundle_check.h"
+#include "app/run_options.h"
+#include "host/any_value.h"
+#include "host/result.h"
+#include "platform/popover.h"
+
+namespace appex {
+
+class Context;
+class SafariMessagingAPI;
+class WebView;
+
+namespace webkit {
+class Engine;
+class WebKitBrowser;
+class WebKitTab;
+class WebKitWindow;
+}  // namespace webkit
+
+class HostSession {
+ public:
+  // Receives the session's events: a name and its fields.
+  using EventSink = std::function<void(const std::string& event, Dictionary fields)>;
+
+  // Sets up the Context on `engine` and opens the first window (which
+  // makes the browser validate its toolbar item: the background page comes
+  // up). Fails with the reason.
+  static std::expected<std::unique_ptr<HostSession>, std::string> start(webkit::Engine& engine,
+                                                                        const RunOptions& options,
+                                                                        CheckedBundle bundle,
+                                                                        EventSink events);
+  ~HostSession();
+
+  // One turn of bookkeeping: new and closed tabs, toolbar and popover
+  // changes, readiness. Cheap; call it every few milliseconds.
+  void tick();
+
+  // The background page has loaded and answers over its bridge.
+  bool ready() const { return ready_; }
+
+  // Host handles.
+  std::shared_ptr<webkit::WebKitWindow> window(const std::string& handle) const;
+  std::shared_ptr<webkit::WebKitTab> tab(const std::string& handle) const;
+  std::string handleOf(const std::shared_ptr<webkit::WebKitWindow>& window);
+  std::string handleOf(const std::shared_ptr<webkit::WebKitTab>& tab);
+
+  webkit::WebKitBrowser& browser() const { return *browser_; }
+  Context& context() const { return context_; }
+  std::shared_ptr<WebView> backgroundWebView() const;
+  // The popup page's web view, loading it if it never was.
+  std::shared_ptr<WebView> popupWebView() const;
+
+  // {"image", "badgeText", "label", "enabled"} of a window's toolbar item.
+  Dictionary toolbarState(const std::shared_ptr<webkit::WebKitWindow>& window) const;
+  Dictionary popoverState() const;
+
+  // Writes a PNG of `what` ("background", "popover" or a tab handle) once
+  // it can: the popover is opened for it, a tab waits for its page to load.
+  // The reply gets {"path", "width", "height"}.
+  void snapshot(const std::string& what, const std::string& path, ResultCallback reply);
+
+ private:
+  HostSession(Context& context, webkit::Engine& engine, EventSink events);
+
+  void reconcile();
+  void checkReadiness();
+  void runWaiting();
+
+  Context& context_;
+  webkit::Engine& engine_;
+  EventSink events_;
+  std::shared_ptr<webkit::WebKitBrowser> browser_;
+
+  std::map<std::string, std::weak_ptr<webkit::WebKitWindow>> windows_;
+  std::map<std::string, std::weak_ptr<webkit::WebKitTab>> tabs_;
+  std::map<const void*, std::string> handles_;
+  int nextWindow_ = 1;
+  int nextTab_ = 1;
+  std::map<std::string, Dictionary> lastToolbar_;
+  Popover::State lastPopover_;
+
+  // A page's load state, asked about now and then; shared with the
+  // evaluation's completion.
+  struct Probe {
+    bool loaded = false;
+    bool inFlight = false;
+    std::chrono::steady_clock::time_point next{};
+  };
+  void probe(const std::shared_ptr<WebView>& view, std::shared_ptr<Probe> state);
+
+  bool ready_ = false;
+  std::shared_ptr<Probe> backgroundProbe_ = std::make_shared<Probe>();
+  // Work waiting for a condition (a page to load, the popover to open).
+  struct Waiting {
+    std::function<bool()> due;
+    std::move_only_function<void()> run;
+    std::chrono::steady_clock::time_point deadline;
+    std::move_only_function<void()> expire;
+  };
+  std::vector<Waiting> waiting_;
+};
+
+}  // namespace appex

@@ -1,0 +1,207 @@
+#include "app/run_command.h"
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <iostream>
+#include <mutex>
+#include <thread>
+
+#include <boost/json/serialize.hpp>
+
+#include "app/bundle_check.h"
+#include "app/control_channel.h"
+#include "app/control_commands.h"
+#include "app/exit_codes.h"
+#include "app/host_session.h"
+#include "app/run_options.h"
+#include "app/site_server.h"
+#include "app/virtual_display.h"
+#include "core/log.h"
+#include "core/main_queue.h"
+#include "host/safari_messaging_api.h"
+#include "platform/webkit/engine.h"
+#include "platform/webkit/webkit_browser.h"
+
+namespace appex {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::atomic<bool> interrupted{false};
+void onInterrupt(int) { interrupted = true; }
+
+std::mutex stderrMutex;
+void err(const std::string& line) {
+  std::lock_guard lock(stderrMutex);
+  std::cerr << line << "\n";
+}
+
+// Reads stdin on its own thread and hands each line to the main queue;
+// the end of input is one more call with no line.
+void readInput(std::function<void(std::optional<std::string>)> onLine) {
+  std::thread([onLine] {
+    std::string line;
+    while (std::getline(std::cin, line)) {
+      MainQueue::shared().post([onLine, line] { onLine(line); });
+    }
+    MainQueue::shared().post([onLine] { onLine(std::nullopt); });
+  }).detach();
+}
+
+std::string describe(const Dictionary& fields) { return boost::json::serialize(fields); }
+
+}  // namespace
+
+int runCommand(const std::vector<std::string>& args) {
+  auto parsed = parseRunOptions(args);
+  if (!parsed) {
+    std::cerr << "appex run: " << parsed.error();
+    return kExitUsage;
+  }
+  if (!parsed->options) {
+    std::cout << parsed->help;
+    return kExitOk;
+  }
+  RunOptions options = *parsed->options;
+  if (options.example) {
+    options.bundle = APPEX_EXAMPLE_BUNDLE;
+    if (!options.control) {
+      // The demo: the example's page, the traffic, the toolbar, the popover.
+      if (options.serve.empty()) options.serve = APPEX_EXAMPLE_SITE;
+      if (options.open.empty()) options.open.push_back("index.html");
+      options.trace = true;
+      if (options.snapshots.empty()) options.snapshots.emplace_back("popover", "appex-popover.png");
+    }
+  }
+  auto checked = checkBundle(options.bundle);
+  if (!checked) {
+    std::cerr << "appex run: " << checked.error() << "\n";
+    return kExitBadBundle;
+  }
+  for (const auto& w : checked->warnings) err("appex run: warning: " + w);
+
+  std::unique_ptr<SiteServer> site;
+  if (!options.serve.empty()) {
+    auto served = SiteServer::start(options.serve);
+    if (!served) {
+      std::cerr << "appex run: " << served.error() << "\n";
+      return kExitFailed;
+    }
+    site = std::move(*served);
+    err("[serve] " + options.serve + " at " + site->baseURL());
+    for (auto& url : options.open) {
+      if (url.find("://") == std::string::npos && !url.starts_with("about:")) {
+        url = site->baseURL() + (url.starts_with("/") ? url.substr(1) : url);
+      }
+    }
+  }
+
+  auto display = VirtualDisplay::ensure();
+  if (!display) {
+    std::cerr << "appex run: " << display.error() << "\n";
+    return kExitNoDisplay;
+  }
+  auto engine = webkit::Engine::start();
+  if (!engine) {
+    std::cerr << "appex run: " << engine.error() << "\n";
+    return kExitNoDisplay;
+  }
+
+  // Where the session's events and the extension's log lines go: protocol
+  // events with --control (stdout belongs to the protocol), else stderr.
+  std::unique_ptr<ControlChannel> channel;
+  if (options.control) channel = std::make_unique<ControlChannel>(std::cout);
+  auto events = [&channel, demo = options.example && !options.control](const std::string& event,
+                                                                        Dictionary fields) {
+    if (channel) return channel->emit(event, std::move(fields));
+    if (event == "toolbar" || event == "ready" || event == "popover" || demo) {
+      err("[" + event + "] " + describe(fields));
+    }
+  };
+  setLogSink([&channel](LogDestination, std::string_view line) {
+    if (channel) {
+      channel->emit("log", Dictionary{{"line", std::string(line)}});
+    } else {
+      err("[log] " + std::string(line));
+    }
+  });
+
+  auto session = HostSession::start(**engine, options, std::move(*checked), events);
+  if (!session) {
+    setLogSink(nullptr);
+    std::cerr << "appex run: " << session.error() << "\n";
+    return kExitFailed;
+  }
+  HostSession& s = **session;
+  if (options.trace) SafariMessagingAPI::shared()->setTrace([](const std::string& line) { err("[trace] " + line); });
+
+  bool quit = false;
+  int exitCode = kExitOk;
+  std::signal(SIGINT, onInterrupt);
+  std::signal(SIGTERM, onInterrupt);
+  if (channel) {
+    addControlCommands(*channel, s, [&quit] { quit = true; });
+    readInput([&](std::optional<std::string> line) {
+      if (!line) {
+        quit = true;
+      } else {
+        channel->handleLine(*line);
+      }
+    });
+  } else if (!options.example) {
+    readInput([&](std::optional<std::string> line) {
+      if (!line || *line == "quit") quit = true;
+    });
+  }
+
+  // Snapshots asked for on the command line, once the extension is up.
+  std::size_t snapshotsLeft = options.snapshots.size();
+  bool snapshotsStarted = false;
+  bool countShown = false;
+  const auto startedAt = Clock::now();
+  const auto deadline = options.timeoutSeconds
+                            ? startedAt + std::chrono::milliseconds(static_cast<long>(*options.timeoutSeconds * 1000))
+                            : Clock::time_point::max();
+  const bool demo = options.example && !options.control;
+
+  while (!quit && !interrupted) {
+    (*engine)->runUntil([&] { return quit || interrupted.load(); }, std::chrono::milliseconds(20));
+    s.tick();
+    if (Clock::now() >= deadline) break;
+    // The demo waits for the page's count to reach the toolbar first.
+    if (s.ready() && demo && !countShown) {
+      auto w = s.browser().activeWindow();
+      auto state = w ? s.toolbarState(w) : Dictionary{};
+      countShown = (state.contains("badgeText") && !state.at("badgeText").is_null()) ||
+                   Clock::now() - startedAt > std::chrono::seconds(15);
+    }
+    if (s.ready() && (!demo || countShown) && !snapshotsStarted) {
+      snapshotsStarted = true;
+      for (const auto& [what, file] : options.snapshots) {
+        s.snapshot(what, file, [&, what = what](Result r) {
+          --snapshotsLeft;
+          if (r) {
+            err("[snapshot] " + what + ": " + describe(r.value()->as_object()));
+          } else {
+            err("[snapshot] " + what + ": " + r.error().text);
+            exitCode = kExitFailed;
+          }
+        });
+      }
+    }
+    if (demo && snapshotsStarted && snapshotsLeft == 0) {
+      if (auto w = s.browser().activeWindow()) err("[toolbar] final: " + describe(s.toolbarState(w)));
+      break;
+    }
+  }
+  if (demo && !(snapshotsStarted && snapshotsLeft == 0)) {
+    err("appex run: the example did not finish (is the background page loading?)");
+    exitCode = kExitFailed;
+  }
+  session->reset();
+  setLogSink(nullptr);
+  return exitCode;
+}
+
+}  // namespace appex
