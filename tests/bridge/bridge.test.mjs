@@ -386,6 +386,11 @@ describe('incoming asks', () => {
       const [answer] = answers();
       assert.ok(answer.err instanceof Error);
       assert.equal(answer.err.message, 'ipcPromise: answer timeout 5000 for cmd "storage.onChanged", args "k"');
+      // Its message is an own property: an engine posts an Error's own
+      // enumerable properties only, and would otherwise send {}.
+      assert.deepEqual(JSON.parse(JSON.stringify(answer.err)), {
+        message: 'ipcPromise: answer timeout 5000 for cmd "storage.onChanged", args "k"',
+      });
       assert.equal(answer.data, undefined);
       assert.deepEqual(Object.keys(answer), ['channelName', 'uid', 'err', 'data', 'type']);
     });
