@@ -131,7 +131,13 @@ void addControlCommands(ControlChannel& channel, HostSession& s, std::function<v
       if (!view) return done(std::unexpected(std::string("the background page is not up yet")));
       return webkit::evaluateInWebView(view, *code, std::move(done));
     }
-    if (where == "popup") return webkit::evaluateInWebView(s.popupWebView(), *code, std::move(done));
+    if (where == "popup") {
+      auto shared = std::make_shared<decltype(done)>(std::move(done));
+      s.whenPopupLoaded(
+          [&s, code = *code, shared] { webkit::evaluateInWebView(s.popupWebView(), code, std::move(*shared)); },
+          [shared] { (*shared)(std::unexpected(std::string("the popup page did not load"))); });
+      return;
+    }
     if (where == "tab") {
       std::string error;
       auto t = tabFor(s, r, &error);

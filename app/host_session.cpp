@@ -21,7 +21,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr auto kPingInterval = std::chrono::milliseconds(250);
-constexpr auto kSnapshotPatience = std::chrono::seconds(20);
+constexpr auto kLoadPatience = std::chrono::seconds(20);  // for a page to load
 
 AnyValue orNull(const std::optional<std::string>& s) { return s ? AnyValue(*s) : AnyValue(nullptr); }
 
@@ -31,6 +31,7 @@ HostSession::HostSession(Context& context, webkit::Engine& engine, EventSink eve
     : context_(context), engine_(engine), events_(std::move(events)) {}
 
 HostSession::~HostSession() {
+  engine_.setConsoleObserver(nullptr);
   if (browser_) browser_->shutdown();
 }
 
@@ -48,22 +49,27 @@ std::expected<std::unique_ptr<HostSession>, std::string> HostSession::start(
   context.set(std::make_shared<WebViewFactory>([&engine] { return engine.createWebView(); }));
 
   std::unique_ptr<HostSession> session(new HostSession(context, engine, std::move(events)));
+  HostSession* s = session.get();
+  engine.setConsoleObserver(
+      [s](const WebView& view, const webkit::ConsoleMessage& message) { s->reportConsole(view, message); });
   auto browser = webkit::WebKitBrowser::create(context);
   if (!browser) return std::unexpected("cannot start the browser: " + browser.error());
   session->browser_ = *browser;
+  session->browser_->setConsoleObserver(
+      [s](const std::shared_ptr<webkit::WebKitTab>& tab, const webkit::ConsoleMessage& message) {
+        s->reportConsole(tab, message);
+      });
   session->browser_->install(context);
   session->browser_->setCallbacks(std::make_shared<ExtensionHandlerCallbacks>(context));
   SafariMessagingAPI::shared();  // the router takes the page messages from the first one on
 
-  // The first window: the browser validates its toolbar item when it
-  // becomes active, which brings up the background page.
-  std::vector<std::string> urls = options.open;
-  if (urls.empty()) urls.push_back("about:blank");
-  auto window = session->browser_->openWindow(urls.front(), options.privateWindow);
-  if (!window) return std::unexpected("cannot open " + urls.front() + " (not an http, https, file or about URL)");
-  for (std::size_t i = 1; i < urls.size(); ++i) {
-    if (!window->openTab(urls[i], false)) return std::unexpected("cannot open " + urls[i]);
-  }
+  // The first window, blank: the browser validates its toolbar item when
+  // it becomes active, which brings up the background page. The pages asked
+  // for open once that page is ready, as in a browser that has been running:
+  // their content scripts' first messages would otherwise find no one.
+  session->pendingURLs_ = options.open;
+  auto window = session->browser_->openWindow("about:blank", options.privateWindow);
+  if (!window) return std::unexpected(std::string("cannot open the first window"));
   session->tick();
   return session;
 }
@@ -135,6 +141,25 @@ Dictionary HostSession::popoverState() const {
                     {"height", points(state.size.height)}};
 }
 
+void HostSession::reportConsole(const WebView& view, const webkit::ConsoleMessage& message) {
+  // The extension's pages are the only web views the engine makes here.
+  const auto background = backgroundWebView();
+  const auto popup = SafariExtensionViewController::shared()->webview();  // never loads it
+  std::string source = "extension";
+  if (&view == background.get()) {
+    source = "background";
+  } else if (&view == popup.get()) {
+    source = "popup";
+  }
+  events_("console", Dictionary{{"source", source}, {"level", message.level}, {"text", message.text}});
+}
+
+void HostSession::reportConsole(const std::shared_ptr<webkit::WebKitTab>& tab,
+                                const webkit::ConsoleMessage& message) {
+  events_("console",
+          Dictionary{{"source", "tab"}, {"tab", handleOf(tab)}, {"level", message.level}, {"text", message.text}});
+}
+
 void HostSession::reconcile() {
   // Tabs and windows the browser has that the host has not named yet
   // (opened by the extension or by a page), and those that closed.
@@ -201,7 +226,33 @@ void HostSession::checkReadiness() {
   probe(backgroundWebView(), backgroundProbe_);
   if (!backgroundProbe_->loaded) return;
   ready_ = true;
+  openPendingURLs();
   events_("ready", Dictionary{});
+}
+
+void HostSession::openPendingURLs() {
+  auto window = browser_->activeWindow();
+  if (!window) return;
+  auto first = window->activeTab();
+  for (std::size_t i = 0; i < pendingURLs_.size(); ++i) {
+    const std::string& url = pendingURLs_[i];
+    if (i == 0 && first) {
+      first->navigateToURL(url);
+    } else if (!window->openTab(url, false)) {
+      events_("log", Dictionary{{"line", std::string("appex: cannot open ").append(url)}});
+    }
+  }
+  pendingURLs_.clear();
+}
+
+void HostSession::whenPopupLoaded(std::move_only_function<void()> then, std::move_only_function<void()> expired) {
+  popupWebView();
+  auto popup = std::make_shared<Probe>();
+  waiting_.push_back({[this, popup] {
+                        probe(popupWebView(), popup);
+                        return popup->loaded;
+                      },
+                      std::move(then), Clock::now() + kLoadPatience, std::move(expired)});
 }
 
 void HostSession::runWaiting() {
@@ -236,7 +287,7 @@ void HostSession::snapshot(const std::string& what, const std::string& path, Res
     }
     (*shared)(success(Dictionary{{"path", path}, {"width", size->width}, {"height", size->height}}));
   };
-  const auto deadline = Clock::now() + kSnapshotPatience;
+  const auto deadline = Clock::now() + kLoadPatience;
   auto expire = [shared, what] { (*shared)(failure("snapshot of " + what + ": it never finished loading")); };
 
   if (what == "background") {

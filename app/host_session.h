@@ -2,7 +2,8 @@
 // drives it: the Context with the bundle, the user defaults, the browser and
 // the extension's entry; host handles for windows and tabs ("w1", "t1");
 // readiness of the background page; snapshots; and the events the
-// automation protocol reports.
+// automation protocol reports, the console messages of the extension's pages
+// and content scripts among them.
 //
 // The session owns the main loop's turns (`tick`); the command line and the
 // automation protocol act on it between turns.
@@ -32,6 +33,7 @@ class SafariMessagingAPI;
 class WebView;
 
 namespace webkit {
+struct ConsoleMessage;
 class Engine;
 class WebKitBrowser;
 class WebKitTab;
@@ -43,9 +45,10 @@ class HostSession {
   // Receives the session's events: a name and its fields.
   using EventSink = std::function<void(const std::string& event, Dictionary fields)>;
 
-  // Sets up the Context on `engine` and opens the first window (which
+  // Sets up the Context on `engine` and opens the first window, blank (which
   // makes the browser validate its toolbar item: the background page comes
-  // up). Fails with the reason.
+  // up); the pages of `options.open` follow once the background page is
+  // ready. Fails with the reason.
   static std::expected<std::unique_ptr<HostSession>, std::string> start(webkit::Engine& engine,
                                                                         const RunOptions& options,
                                                                         CheckedBundle bundle,
@@ -70,6 +73,10 @@ class HostSession {
   std::shared_ptr<WebView> backgroundWebView() const;
   // The popup page's web view, loading it if it never was.
   std::shared_ptr<WebView> popupWebView() const;
+  // Runs `then` once the popup page has loaded with its bridge (loading it
+  // if it never was), or `expired` if it has not within a while. Until then
+  // the view holds an empty document, where scripts would run to no avail.
+  void whenPopupLoaded(std::move_only_function<void()> then, std::move_only_function<void()> expired);
 
   // {"image", "badgeText", "label", "enabled"} of a window's toolbar item.
   Dictionary toolbarState(const std::shared_ptr<webkit::WebKitWindow>& window) const;
@@ -83,8 +90,14 @@ class HostSession {
  private:
   HostSession(Context& context, webkit::Engine& engine, EventSink events);
 
+  // A console message: {"source": "background" | "popup" | "tab", "tab"?,
+  // "level", "text"}.
+  void reportConsole(const WebView& view, const webkit::ConsoleMessage& message);
+  void reportConsole(const std::shared_ptr<webkit::WebKitTab>& tab, const webkit::ConsoleMessage& message);
+
   void reconcile();
   void checkReadiness();
+  void openPendingURLs();
   void runWaiting();
 
   Context& context_;
@@ -110,6 +123,7 @@ class HostSession {
   void probe(const std::shared_ptr<WebView>& view, std::shared_ptr<Probe> state);
 
   bool ready_ = false;
+  std::vector<std::string> pendingURLs_;  // opened once the background page is ready
   std::shared_ptr<Probe> backgroundProbe_ = std::make_shared<Probe>();
   // Work waiting for a condition (a page to load, the popover to open).
   struct Waiting {

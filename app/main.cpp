@@ -48,7 +48,8 @@ int check(const std::vector<std::string>& args) {
   if (vm.count("help")) {
     std::cout << options
               << "\nValidates the bundle (Info.plist, background page, declared scripts and style\n"
-                 "sheets) and prints its identifier, version and declarations.\n";
+                 "sheets) and prints its identifier, version and declarations.\n"
+                 "\nexit codes: 0 ok, 2 bad command line, 3 bad bundle (the message names the file)\n";
     return appex::kExitOk;
   }
   if (!vm.count("bundle")) {

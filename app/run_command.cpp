@@ -115,6 +115,13 @@ int runCommand(const std::vector<std::string>& args) {
   auto events = [&channel, demo = options.example && !options.control](const std::string& event,
                                                                         Dictionary fields) {
     if (channel) return channel->emit(event, std::move(fields));
+    if (event == "console") {
+      // "[console] background warn: text", "[console] t1 log: text"
+      auto source = asString(fields, "tab");
+      if (!source) source = asString(fields, "source");
+      return err("[console] " + source.value_or("?") + " " + asString(fields, "level").value_or("log") + ": " +
+                 asString(fields, "text").value_or(""));
+    }
     if (event == "toolbar" || event == "ready" || event == "popover" || demo) {
       err("[" + event + "] " + describe(fields));
     }

@@ -9,6 +9,9 @@ std::expected<std::unique_ptr<SiteServer>, std::string> SiteServer::start(const 
   if (!std::filesystem::is_directory(folder, ec)) return std::unexpected("no folder to serve: " + folder.string());
   std::unique_ptr<SiteServer> site(new SiteServer());
   site->server_ = std::make_unique<httplib::Server>();
+  // Stopping waits for the connections kept alive to time out: keep that
+  // short, so the host exits promptly after a page has used the site.
+  site->server_->set_keep_alive_timeout(1);
   // The mount point serves files only, never outside the folder.
   if (!site->server_->set_mount_point("/", folder.string())) {
     return std::unexpected("cannot serve " + folder.string());

@@ -57,6 +57,7 @@ struct WebKitBrowser::Impl {
   std::vector<WebKitUserScript*> scripts;
   std::vector<WebKitUserStyleSheet*> styleSheets;
   std::shared_ptr<ExtensionCallbacks> callbacks;
+  ConsoleObserver consoleObserver;
   std::vector<std::shared_ptr<WebKitWindow>> windows;
   std::weak_ptr<WebKitWindow> activeWindow;
   PopoverHost popover;

@@ -14,6 +14,7 @@ namespace appex::webkit {
 struct Engine::State {
   std::thread::id mainThread = std::this_thread::get_id();
   MainQueueSource mainQueue{MainQueue::shared(), g_main_context_default()};
+  ConsoleObserver consoleObserver;
 };
 
 Engine::Engine() : state_(std::make_unique<State>()) {}
@@ -39,7 +40,16 @@ std::expected<Engine*, std::string> Engine::start() {
   return engine;
 }
 
-std::shared_ptr<WebView> Engine::createWebView() { return std::make_shared<GtkWebView>(); }
+std::shared_ptr<WebView> Engine::createWebView() {
+  auto view = std::make_shared<GtkWebView>();
+  // The view owns the handler, so the raw pointer never outlives it.
+  view->reportConsole([state = state_.get(), source = view.get()](const std::string& level, const std::string& text) {
+    if (auto observer = state->consoleObserver) observer(*source, ConsoleMessage{level, text});
+  });
+  return view;
+}
+
+void Engine::setConsoleObserver(ConsoleObserver observer) { state_->consoleObserver = std::move(observer); }
 
 bool Engine::runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
   if (done()) return true;

@@ -23,6 +23,13 @@
 
 namespace appex::webkit {
 
+// One console message of a page: its level ("log", "info", "warn", "error",
+// "debug") and its text, which is the page's and only ever data.
+struct ConsoleMessage {
+  std::string level;
+  std::string text;
+};
+
 class Engine {
  public:
   // Starts the engine on the first call (initialising GTK; fails, with the
@@ -32,7 +39,14 @@ class Engine {
 
   // A web view in its own offscreen window, with the default configuration
   // and no page loaded.
+  // Its page's console messages go to the console observer.
   std::shared_ptr<WebView> createWebView();
+
+  // Receives the console messages of the pages of every web view made by
+  // createWebView (main thread), with the view they came from; an empty
+  // observer drops them. Replaces the previous observer.
+  using ConsoleObserver = std::function<void(const WebView& view, const ConsoleMessage& message)>;
+  void setConsoleObserver(ConsoleObserver observer);
 
   // Turns the main loop (GLib sources, the main queue, WebKit's IPC) until
   // `done()` holds or `timeout` passes; returns done(). Sleeps while there is

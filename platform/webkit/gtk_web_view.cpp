@@ -8,6 +8,7 @@
 
 #include "core/log.h"
 #include "host/json.h"
+#include "platform/webkit/console_hook.h"
 
 namespace appex::webkit {
 namespace {
@@ -157,6 +158,31 @@ bool GtkWebView::loadFileURL(const std::string& path, const std::string& readAcc
 }
 
 void GtkWebView::reload() { webkit_web_view_reload(impl_->view); }
+
+void GtkWebView::reportConsole(ConsoleHandler handler) {
+  // The hook posts [level, text] to a script-message handler of its own.
+  constexpr const char* kHandlerName = "appexConsole";
+  addScriptMessageHandler(kHandlerName, [handler = std::move(handler)](const AnyValue& body) {
+    auto parts = asStringList(body);
+    if (parts && parts->size() == 2) handler((*parts)[0], (*parts)[1]);
+  });
+  const std::string source = std::string(
+                                 "(function () {\n"
+                                 "  var handlers = window.webkit && window.webkit.messageHandlers;\n"
+                                 "  var handler = handlers && handlers.") +
+                             kHandlerName +
+                             ";\n"
+                             "  if (!handler) return;\n"
+                             "  var post = handler.postMessage.bind(handler);\n"
+                             "  (" + kConsoleHook +
+                             ")(function (level, text) { post([level, text]); }, true);\n"
+                             "})();\n";
+  WebKitUserScript* script =
+      webkit_user_script_new(source.c_str(), WEBKIT_USER_CONTENT_INJECT_ALL_FRAMES,
+                             WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_START, nullptr, nullptr);
+  webkit_user_content_manager_add_script(impl_->contentManager, script);
+  webkit_user_script_unref(script);
+}
 
 WebKitWebView* GtkWebView::webkitWebView() const { return impl_->view; }
 

@@ -13,6 +13,7 @@
 // Main queue only.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -37,6 +38,15 @@ class GtkWebView final : public WebView {
   void setNavigationDelegate(std::weak_ptr<NavigationDelegate> delegate) override;
   bool loadFileURL(const std::string& path, const std::string& readAccessFolder) override;
   void reload() override;
+
+  // Receives the page's console messages: (level, text), as
+  // platform/webkit/console_hook.h describes them, uncaught errors
+  // included.
+  using ConsoleHandler = std::function<void(const std::string& level, const std::string& text)>;
+  // Hooks the console of every document this view loads from now on (the
+  // hook runs before the document's own scripts) and hands its messages to
+  // `handler`. Call it once, before the first load.
+  void reportConsole(ConsoleHandler handler);
 
   // The engine's web view, for the rest of platform/webkit (snapshots, the
   // popover). It lives in this object's offscreen window, which owns it.

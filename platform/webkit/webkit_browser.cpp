@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 
 #include "core/context.h"
@@ -10,6 +11,7 @@
 #include "core/main_queue.h"
 #include "platform/bundle.h"
 #include "platform/webkit/browser_internals.h"
+#include "platform/webkit/console_hook.h"
 #include "platform/webkit/engine.h"
 #include "platform/webkit/gtk_web_view.h"
 #include "platform/webkit/main_thread.h"
@@ -48,6 +50,29 @@ std::vector<const char*> cStrings(const std::vector<std::string>& texts) {
 gboolean onPopoverKey(GtkWidget*, GdkEventKey* event, gpointer data) {
   if (event->keyval != GDK_KEY_Escape) return FALSE;
   static_cast<WebKitBrowser::Impl*>(data)->context.get<Popover>()->dismiss();
+  return TRUE;
+}
+
+// A content script's console message, from the tab's web process: to the
+// console observer, with the tab whose view it came from.
+gboolean onConsoleMessage(WebKitWebView* view, WebKitUserMessage* message, gpointer data) {
+  if (std::strcmp(webkit_user_message_get_name(message), kConsoleMessageName) != 0) return FALSE;
+  GVariant* parameters = webkit_user_message_get_parameters(message);
+  auto browser = static_cast<std::weak_ptr<WebKitBrowser>*>(data)->lock();
+  if (!browser || !parameters || !g_variant_is_of_type(parameters, G_VARIANT_TYPE("(ss)"))) return TRUE;
+  auto& impl = browser->internals();
+  if (impl.shutDown || !impl.consoleObserver) return TRUE;
+  const char* level = nullptr;
+  const char* text = nullptr;
+  g_variant_get(parameters, "(&s&s)", &level, &text);
+  for (const auto& window : impl.windows) {
+    for (const auto& tab : window->internals().tabs) {
+      if (tab->isClosed() || tab->internals().view != view) continue;
+      auto observer = impl.consoleObserver;  // it may replace itself
+      observer(tab, ConsoleMessage{level, text});
+      return TRUE;
+    }
+  }
   return TRUE;
 }
 
@@ -180,6 +205,10 @@ void WebKitBrowser::setToolbarItemsNeedUpdate() {
   });
 }
 
+void WebKitBrowser::setConsoleObserver(ConsoleObserver observer) {
+  impl_->consoleObserver = std::move(observer);
+}
+
 void WebKitBrowser::getBaseURI(BaseURICompletion completion) { completion(impl_->baseURI); }
 
 const std::string& WebKitBrowser::baseURI() const { return impl_->baseURI; }
@@ -231,6 +260,7 @@ void WebKitBrowser::shutdown() {
   if (impl.shutDown) return;
   impl.shutDown = true;
   impl.callbacks.reset();
+  impl.consoleObserver = nullptr;
   impl.context.get<Popover>()->setObserver(nullptr);
   impl.hidePopover();
   if (impl.popover.window) {
@@ -252,6 +282,10 @@ WebKitWebView* WebKitBrowser::Impl::makeTabView(bool isPrivate) {
                                             "user-content-manager", content, "is-ephemeral",
                                             isPrivate ? TRUE : FALSE, nullptr));
   g_object_unref(content);
+  g_signal_connect_data(view, "user-message-received", G_CALLBACK(&onConsoleMessage),
+                        new std::weak_ptr<WebKitBrowser>(self),
+                        [](gpointer data, GClosure*) { delete static_cast<std::weak_ptr<WebKitBrowser>*>(data); },
+                        GConnectFlags(0));
   if (std::getenv("APPEX_WEBKIT_CONSOLE")) {
     webkit_settings_set_enable_write_console_messages_to_stdout(
         webkit_web_view_get_settings(WEBKIT_WEB_VIEW(view)), TRUE);

@@ -41,6 +41,7 @@
 #include "platform/popup_controller.h"
 #include "platform/safari_application.h"
 #include "platform/safari_extension.h"
+#include "platform/webkit/engine.h"
 #include "platform/webkit/snapshot.h"
 
 namespace appex {
@@ -118,7 +119,15 @@ class WebKitBrowser final : public SFSafariApplication,
   // Writes what the shown popover displays to a PNG file.
   void snapshotPopover(std::string pngPath, SnapshotCompletion completion);
 
-  // Stops calling the callbacks, hides the popover and closes every window.
+  // Receives the console messages of the content scripts in every tab, with
+  // the tab (the pages' own scripts are not reported); an empty observer
+  // drops them. Replaces the previous observer.
+  using ConsoleObserver =
+      std::function<void(const std::shared_ptr<WebKitTab>& tab, const ConsoleMessage& message)>;
+  void setConsoleObserver(ConsoleObserver observer);
+
+  // Stops calling the callbacks and the console observer, hides the popover
+  // and closes every window.
   void shutdown();
 
   // The state behind the object (browser_internals.h), for platform/webkit.

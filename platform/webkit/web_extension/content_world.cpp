@@ -19,6 +19,10 @@
 // message name, userInfo as JSON text or "" for none):
 //   "appex.content.post"     web process -> the tab's web view
 //   "appex.content.deliver"  the tab's web view -> every frame of its page
+//   "appex.content.console"  web process -> the tab's web view: a content
+//                            script's console message, "(ss)" level and text
+//                            (the world's console is hooked as
+//                            platform/webkit/console_hook.h describes)
 //
 // Initialisation data "(ss)": the world's name and the base URI.
 //
@@ -31,7 +35,12 @@
 #include <utility>
 #include <vector>
 
+#include "platform/webkit/console_hook.h"
+
 namespace {
+
+using appex::webkit::kConsoleHook;
+using appex::webkit::kConsoleMessageName;
 
 constexpr const char* kPostName = "appex.content.post";
 constexpr const char* kDeliverName = "appex.content.deliver";
@@ -154,6 +163,37 @@ void post(const char* name, const char* json, gpointer data) {
                                        nullptr, nullptr);
 }
 
+// The console hook's way out: the world's console messages, to the tab's
+// web view.
+void reportConsole(const char* level, const char* text, gpointer data) {
+  const guint64 pageId = static_cast<PostTarget*>(data)->pageId;
+  WebKitWebPage* page = webkit_web_extension_get_page(state->extension, pageId);
+  if (!page) return;
+  GVariant* parameters = g_variant_new("(ss)", level ? level : "log", text ? text : "");
+  webkit_web_page_send_message_to_view(page, webkit_user_message_new(kConsoleMessageName, parameters), nullptr,
+                                       nullptr, nullptr);
+}
+
+// Hooks the world's console in `context` (before any content script runs).
+void hookConsole(JSCContext* context, guint64 pageId) {
+  JSCValue* hook = jsc_context_evaluate(context, kConsoleHook, -1);
+  if (reportException(context, "console hook") || !jsc_value_is_function(hook)) {
+    g_object_unref(hook);
+    return;
+  }
+  JSCValue* report = jsc_value_new_function(
+      context, nullptr, G_CALLBACK(reportConsole), new PostTarget{pageId},
+      [](gpointer data) { delete static_cast<PostTarget*>(data); }, G_TYPE_NONE, 2, G_TYPE_STRING,
+      G_TYPE_STRING);
+  // Errors are not reported here: the window's error events carry the
+  // page's own errors too.
+  JSCValue* result = jsc_value_function_call(hook, JSC_TYPE_VALUE, report, G_TYPE_BOOLEAN, FALSE, G_TYPE_NONE);
+  reportException(context, "console hook");
+  g_object_unref(result);
+  g_object_unref(report);
+  g_object_unref(hook);
+}
+
 void onFrameGone(gpointer data, GObject*) {
   auto* key = static_cast<FrameKey*>(data);
   state->watched.erase(*key);
@@ -191,6 +231,8 @@ void onWindowObjectCleared(WebKitScriptWorld* world, WebKitWebPage* page, WebKit
     g_object_unref(context);
     return;
   }
+
+  hookConsole(context, pageId);
 
   FrameEntry& entry = state->frames[pageId][frameId];
   release(entry);  // the frame's previous document
