@@ -67,6 +67,11 @@ std::expected<std::unique_ptr<HostSession>, std::string> HostSession::start(
   // it becomes active, which brings up the background page. The pages asked
   // for open once that page is ready, as in a browser that has been running:
   // their content scripts' first messages would otherwise find no one.
+  for (const auto& url : options.open) {
+    if (!webkit::isLoadableURL(url)) {
+      return std::unexpected("cannot open " + url + " (not an http, https, file or about URL)");
+    }
+  }
   session->pendingURLs_ = options.open;
   auto window = session->browser_->openWindow("about:blank", options.privateWindow);
   if (!window) return std::unexpected(std::string("cannot open the first window"));
@@ -98,20 +103,20 @@ std::shared_ptr<webkit::WebKitTab> HostSession::tab(const std::string& handle) c
 
 std::string HostSession::handleOf(const std::shared_ptr<webkit::WebKitWindow>& window) {
   if (!window) return {};
-  auto it = handles_.find(window.get());
+  auto it = handles_.find(std::weak_ptr<const void>(window));
   if (it != handles_.end()) return it->second;
   std::string handle = "w" + std::to_string(nextWindow_++);
-  handles_[window.get()] = handle;
+  handles_[std::weak_ptr<const void>(window)] = handle;
   windows_[handle] = window;
   return handle;
 }
 
 std::string HostSession::handleOf(const std::shared_ptr<webkit::WebKitTab>& tab) {
   if (!tab) return {};
-  auto it = handles_.find(tab.get());
+  auto it = handles_.find(std::weak_ptr<const void>(tab));
   if (it != handles_.end()) return it->second;
   std::string handle = "t" + std::to_string(nextTab_++);
-  handles_[tab.get()] = handle;
+  handles_[std::weak_ptr<const void>(tab)] = handle;
   tabs_[handle] = tab;
   Dictionary fields{{"tab", handle}, {"window", handleOf(tab->window())}};
   auto page = tab->page();

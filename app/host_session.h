@@ -107,7 +107,9 @@ class HostSession {
 
   std::map<std::string, std::weak_ptr<webkit::WebKitWindow>> windows_;
   std::map<std::string, std::weak_ptr<webkit::WebKitTab>> tabs_;
-  std::map<const void*, std::string> handles_;
+  // Keyed by the object's owner, not its address: a closed object's memory
+  // may be reused by a new one while its handle is still listed.
+  std::map<std::weak_ptr<const void>, std::string, std::owner_less<>> handles_;
   int nextWindow_ = 1;
   int nextTab_ = 1;
   std::map<std::string, Dictionary> lastToolbar_;
