@@ -321,6 +321,12 @@ void SafariTabAPI::sendToTab(const std::string& tabId, const std::optional<std::
     reply(failure("Tab not found for id " + tabId));
     return;
   }
+  auto tab = state->tab().ref();
+  // A closed tab has no page left to answer: its reply could never run, so
+  // it is not parked (the asker's own time-out ends the wait, as before).
+  // Parking it would only grow the table by one entry per ask to every
+  // closed tab the registry remembers (the storage relay asks them all).
+  if (!tab && !pageId) return;
   Message ask;
   ask.type = MessageType::ask;
   ask.uid = newUUIDString();
@@ -333,8 +339,6 @@ void SafariTabAPI::sendToTab(const std::string& tabId, const std::optional<std::
     if (auto page = findPage(*pageId)) dispatchToPages({page}, userInfo);
     return;
   }
-  auto tab = state->tab().ref();
-  if (!tab) return;
   tab->getPages([self = shared_from_this(), userInfo = std::move(userInfo)](
                     std::vector<std::shared_ptr<SFSafariPage>> pages) {
     self->dispatchToPages(pages, userInfo);

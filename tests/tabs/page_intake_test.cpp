@@ -272,5 +272,26 @@ TEST_F(SendToTabTest, APageIdReachesThatPageOnly) {
   EXPECT_EQ(tabs->callbacks().count(), 1u);
 }
 
+TEST_F(PageIntakeTest, AskingAClosedTabParksNoReply) {
+  auto window = sim->openWindow();
+  std::weak_ptr<sim::SimTab> weakTab;
+  std::string id;
+  {
+    auto tab = window->addTab("https://gone.test/", "Gone", true);
+    id = stateOf(tab)->id();
+    weakTab = tab;
+    tab->close();
+  }
+  sim->waitForIdle();
+  ASSERT_TRUE(weakTab.expired()) << "the browser let go of the closed tab";
+  const auto before = tabs->callbacks().count();
+  for (int i = 0; i < 10; ++i) {
+    tabs->sendToTab(id, std::nullopt, "storage.onChanged", AnyValue(i), [](Result) { FAIL() << "answered"; });
+  }
+  sim->waitForIdle();
+  EXPECT_EQ(tabs->callbacks().count(), before) << "no reply can come from a closed tab";
+  EXPECT_TRUE(tabs->findTabState(id)) << "its snapshot stays";
+}
+
 }  // namespace
 }  // namespace appex::testing
