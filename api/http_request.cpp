@@ -45,9 +45,30 @@ bool isValidUtf8(std::string_view s) {
   return true;
 }
 
+// Text from the wire as UTF-8: as it is when it is UTF-8, else read as
+// ISO-8859-1 (each byte one character), as HTTP has historically defined
+// header bytes. Every answer then holds only UTF-8, so the script that
+// carries it to the page is text a web view can run; a server's stray
+// Latin-1 header would otherwise make the whole answer undeliverable.
+std::string asText(std::string_view bytes) {
+  if (isValidUtf8(bytes)) return std::string(bytes);
+  std::string out;
+  out.reserve(bytes.size() * 2);
+  for (const char ch : bytes) {
+    const auto c = static_cast<unsigned char>(ch);
+    if (c < 0x80) {
+      out.push_back(ch);
+    } else {
+      out.push_back(static_cast<char>(0xC0 | (c >> 6)));
+      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    }
+  }
+  return out;
+}
+
 Dictionary toDictionary(const HttpHeaderFields& fields) {
   Dictionary d;
-  for (const auto& [name, value] : fields) d.insert_or_assign(name, value);
+  for (const auto& [name, value] : fields) d.insert_or_assign(asText(name), asText(value));
   return d;
 }
 
@@ -106,7 +127,8 @@ HttpRequestCompletion HttpRequest::classify(HttpClientResult result) {
 }
 
 Result HttpRequest::buildAnswer(const HttpRequestCompletion& completion) {
-  if (!completion.result) return failure(completion.result.error().description());
+  // The description quotes the transport's message and the final URL.
+  if (!completion.result) return failure(asText(completion.result.error().description()));
   AnyValue data = nullptr;
   if (const auto& body = *completion.result) {
     if (auto parsed = JSON::parse(*body)) {

@@ -69,6 +69,8 @@ class HttpRequest {
   // The answer for web code. "data" is the body parsed as JSON (an object or
   // an array at the top), else the body as UTF-8 text, else null; null also
   // without a body. Status and headers of a failure are not passed on.
+  // Header fields and failure texts that are not UTF-8 are read as
+  // ISO-8859-1, so the answer is always text a page can be sent.
   static Result buildAnswer(const HttpRequestCompletion& completion);
 
  private:

@@ -48,6 +48,11 @@ std::optional<AnyValue> JSON::parse(std::string_view text, bool allowFragments) 
   AnyValue v = boost::json::parse(text, ec, {}, options);
   if (ec) return std::nullopt;
   if (!allowFragments && !v.is_object() && !v.is_array()) return std::nullopt;
+  // Boost.JSON reads a number beyond the double range ("1e400") as an
+  // infinity, which stringify cannot write: such a value could never be sent
+  // on to a page (an HTTP body holding one would lose its whole answer), so
+  // the text is not taken as JSON at all.
+  if (hasNonFiniteNumber(v)) return std::nullopt;
   return v;
 }
 

@@ -18,7 +18,9 @@
 //
 // `parse` accepts UTF-8 JSON text whose top level is an object or an array
 // (like the platform parser without its fragments option), unless
-// `allowFragments` is set. Nesting deeper than 256 levels is refused.
+// `allowFragments` is set. Nesting deeper than 256 levels is refused, and so
+// is a number too large for a double ("1e400"): whatever parses can be
+// written back by `stringify`.
 //
 // Thread-safe (no state).
 #pragma once

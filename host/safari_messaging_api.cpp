@@ -201,7 +201,10 @@ void SafariMessagingAPI::bindEventsForBackground() {
         self->relayToBackground(cmd, payload.value);
         if (auto popup = self->popupBridge()) popup->ask(kChannel, cmd, payload.value, ignoreResult);
         auto tabs = self->context_.get<SafariTabAPI>();
-        for (const auto& entry : *tabs->tabCache().list().snapshot()) {
+        // The loop keeps the snapshot alive: ranging over *snapshot() would
+        // drop it at once, and writers could then change the elements read.
+        const auto known = tabs->tabCache().list().snapshot();
+        for (const auto& entry : *known) {
           tabs->sendToTab(entry.value->id(), std::nullopt, cmd, payload.value, ignoreResult);
         }
       }));

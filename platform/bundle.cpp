@@ -71,8 +71,29 @@ std::string isoDate(std::int32_t seconds) {
   return text;
 }
 
-AnyValue toValue(plist_t node, int depth) {
-  if (!node || depth > kMaxDepth) return nullptr;
+// libplist reads keys and strings as C strings and fails an assertion,
+// stopping the process, on one holding a NUL character (a binary file, or
+// a raw byte in an XML file, can carry one). Such a file is refused, and
+// these tell it apart before anything is read: a string by its pointer and
+// length, a key (which has no such accessor) through the XML writer, which
+// copies it by length.
+bool stringHoldsNul(plist_t node) {
+  std::uint64_t length = 0;
+  const char* s = plist_get_string_ptr(node, &length);
+  return s && std::memchr(s, 0, length) != nullptr;
+}
+
+bool keyHoldsNul(plist_t key) {
+  char* xml = nullptr;
+  std::uint32_t length = 0;
+  plist_to_xml(key, &xml, &length);
+  CString owned(xml);
+  return xml && std::strlen(xml) != length;
+}
+
+// Sets `holdsNul` (and stops reading) on a key or string with a NUL.
+AnyValue toValue(plist_t node, int depth, bool& holdsNul) {
+  if (!node || depth > kMaxDepth || holdsNul) return nullptr;
   switch (plist_get_node_type(node)) {
     case PLIST_BOOLEAN: {
       std::uint8_t b = 0;
@@ -100,8 +121,10 @@ AnyValue toValue(plist_t node, int depth) {
     case PLIST_KEY: {
       char* s = nullptr;
       if (plist_get_node_type(node) == PLIST_STRING) {
+        if ((holdsNul = stringHoldsNul(node))) return nullptr;
         plist_get_string_val(node, &s);
       } else {
+        if ((holdsNul = keyHoldsNul(node))) return nullptr;
         plist_get_key_val(node, &s);
       }
       CString owned(s);
@@ -124,7 +147,7 @@ AnyValue toValue(plist_t node, int depth) {
       const std::uint32_t n = plist_array_get_size(node);
       list.reserve(n);
       for (std::uint32_t i = 0; i < n; ++i) {
-        list.push_back(toValue(plist_array_get_item(node, i), depth + 1));
+        list.push_back(toValue(plist_array_get_item(node, i), depth + 1, holdsNul));
       }
       return list;
     }
@@ -134,12 +157,16 @@ AnyValue toValue(plist_t node, int depth) {
       plist_dict_new_iter(node, &it);
       if (!it) return dict;
       for (;;) {
-        char* key = nullptr;
+        // The key is read only once it is known to be safe to read.
         plist_t value = nullptr;
-        plist_dict_next_item(node, it, &key, &value);
-        CString owned(key);
+        plist_dict_next_item(node, it, nullptr, &value);
         if (!value) break;
-        dict.insert_or_assign(key ? key : "", toValue(value, depth + 1));
+        plist_t keyNode = plist_dict_item_get_key(value);
+        if (keyNode && (holdsNul = keyHoldsNul(keyNode))) break;
+        char* key = nullptr;
+        if (keyNode) plist_get_key_val(keyNode, &key);
+        CString owned(key);
+        dict.insert_or_assign(key ? key : "", toValue(value, depth + 1, holdsNul));
       }
       std::free(it);
       return dict;
@@ -201,7 +228,11 @@ std::expected<std::shared_ptr<Bundle>, std::string> Bundle::load(const std::file
   if (plist_get_node_type(root) != PLIST_DICT) {
     return std::unexpected("bundle: " + infoFile.string() + " does not hold a dictionary");
   }
-  AnyValue info = toValue(root, 0);
+  bool holdsNul = false;
+  AnyValue info = toValue(root, 0, holdsNul);
+  if (holdsNul) {
+    return std::unexpected("bundle: " + infoFile.string() + " holds a NUL character in a key or string");
+  }
   return fromInfo(path, std::move(info.as_object()));
 }
 
