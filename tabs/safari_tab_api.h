@@ -6,7 +6,8 @@
 // each page a UUID the first time it sends a message (kept in pageCache),
 // and finds them again by those identifiers with a linear scan. Entries are
 // keyed by weak reference: the registry never keeps a browser object
-// alive, and a closed tab's snapshot stays with its references empty.
+// alive, and a closed tab's snapshot stays with its references empty
+// (a gone page's entry is dropped: nothing can reach it).
 //
 // Page intake (onPageMessage) parses "__APP_EXTENSION__" messages, ties
 // each to its tab, fills the action's meta with "tabId" and "tabUrl" and
@@ -144,7 +145,8 @@ class SafariTabAPI : public std::enable_shared_from_this<SafariTabAPI> {
   std::shared_ptr<TabState> findTabState(const std::string& id) const;
   std::shared_ptr<TabState> cachedTabState(const std::shared_ptr<SFSafariTab>& tab) const;
   std::shared_ptr<SFSafariPage> findPage(const std::string& pageId) const;
-  // The page's identifier, made on first sight.
+  // The page's identifier, made on first sight. A new page also drops the
+  // entries of pages that no longer exist: their identifiers find nothing.
   std::string pageIdentifier(const std::shared_ptr<SFSafariPage>& page);
 
   // Tab commands, once their arguments are valid. Each calls `completion`

@@ -272,6 +272,20 @@ TEST_F(SendToTabTest, APageIdReachesThatPageOnly) {
   EXPECT_EQ(tabs->callbacks().count(), 1u);
 }
 
+TEST_F(PageIntakeTest, GonePagesLeaveThePageCacheWhenANewPageArrives) {
+  std::string goneId;
+  {
+    auto gone = window->addTab("https://gone.test/", "Gone");
+    goneId = tabs->pageIdentifier(gone->activePage());
+    gone->close();
+  }
+  sim->waitForIdle();
+  const auto liveId = tabs->pageIdentifier(page);
+  EXPECT_EQ(tabs->findPage(goneId), nullptr);
+  EXPECT_EQ(tabs->pageCache().list().count(), 1u) << "only the live page is kept";
+  EXPECT_EQ(tabs->pageIdentifier(page), liveId) << "a live page keeps its identifier";
+}
+
 TEST_F(PageIntakeTest, AskingAClosedTabParksNoReply) {
   auto window = sim->openWindow();
   std::weak_ptr<sim::SimTab> weakTab;
