@@ -3,6 +3,11 @@
 namespace appex {
 namespace {
 
+bool isHostCharacter(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+         c == '.';
+}
+
 std::vector<std::string> pathsUnder(const Dictionary& extension, std::string_view listKey,
                                     std::string_view itemKey, std::vector<std::string>& problems) {
   std::vector<std::string> out;
@@ -39,13 +44,21 @@ ExtensionManifest ExtensionManifest::read(const Dictionary& info) {
       if (*level == "All" || *level == "Some" || *level == "None") {
         manifest.accessLevel = *level;
       } else {
+        manifest.accessLevel = "None";
         manifest.problems.push_back("SFSafariWebsiteAccess Level \"" + *level +
-                                    "\" is not All, Some or None");
+                                    "\" is not All, Some or None; content scripts apply to no page");
       }
     }
     if (auto it = access->find("Allowed Domains"); it != access->end()) {
       if (auto domains = asStringList(it->value())) {
-        manifest.allowedDomains = std::move(*domains);
+        for (auto& domain : *domains) {
+          if (isDomainPattern(domain)) {
+            manifest.allowedDomains.push_back(std::move(domain));
+          } else {
+            manifest.problems.push_back("SFSafariWebsiteAccess Allowed Domains: \"" + domain +
+                                        "\" is not a domain");
+          }
+        }
       } else {
         manifest.problems.push_back("SFSafariWebsiteAccess Allowed Domains is not a list of strings");
       }
@@ -53,7 +66,14 @@ ExtensionManifest ExtensionManifest::read(const Dictionary& info) {
   }
   if (const Dictionary* item = asDictionary(*extension, "SFSafariToolbarItem")) {
     ToolbarItemDeclaration declared;
-    declared.action = asString(*item, "Action").value_or("Command");
+    if (auto action = asString(*item, "Action")) {
+      if (*action == "Popover" || *action == "Command") {
+        declared.action = *action;
+      } else {
+        manifest.problems.push_back("SFSafariToolbarItem Action \"" + *action +
+                                    "\" is not Popover or Command; the item shows the popover");
+      }
+    }
     declared.identifier = asString(*item, "Identifier");
     declared.image = asString(*item, "Image");
     declared.label = asString(*item, "Label");
@@ -67,6 +87,7 @@ bool ExtensionManifest::admitsHost(std::string_view host) const {
   if (accessLevel == "None") return false;
   for (const auto& pattern : allowedDomains) {
     std::string_view p = pattern;
+    if (p == "*") return true;
     if (p.starts_with("*.")) {
       std::string_view base = p.substr(2);
       if (host == base) return true;
@@ -77,6 +98,16 @@ bool ExtensionManifest::admitsHost(std::string_view host) const {
     }
   }
   return false;
+}
+
+bool isDomainPattern(std::string_view pattern) {
+  if (pattern == "*") return true;
+  if (pattern.starts_with("*.")) pattern.remove_prefix(2);
+  if (pattern.empty() || pattern.front() == '.' || pattern.back() == '.') return false;
+  for (char c : pattern) {
+    if (!isHostCharacter(c)) return false;
+  }
+  return true;
 }
 
 }  // namespace appex

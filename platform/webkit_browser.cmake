@@ -13,7 +13,7 @@ add_library(appex_webkit_content
   ${CMAKE_CURRENT_LIST_DIR}/webkit/content_rules.cpp
   ${CMAKE_CURRENT_LIST_DIR}/webkit/resource_path.cpp
 )
-target_link_libraries(appex_webkit_content PUBLIC appex_message appex_platform_storage)
+target_link_libraries(appex_webkit_content PUBLIC appex_message appex_manifest appex_platform_storage)
 
 if(APPEX_WITH_WEBKIT)
   find_package(PkgConfig REQUIRED)

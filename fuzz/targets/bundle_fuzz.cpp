@@ -7,8 +7,9 @@
 // Properties: loading either fails with a text naming the bundle, or
 // yields a bundle whose identifier is the info dictionary's non-empty
 // CFBundleIdentifier string and whose path is absolute without a trailing
-// slash; its version (what extension.info reports) can be read; and
-// nothing in between reads out of bounds or recurses without limit,
+// slash; its version (what extension.info reports) can be read; its
+// declarations (ExtensionManifest) read as a valid access level and domain
+// patterns only, whatever the dictionary holds; and nothing in between reads out of bounds or recurses without limit,
 // however deep or odd the property list.
 #include <cstddef>
 #include <cstdint>
@@ -18,6 +19,7 @@
 #include "fuzz/support/fuzz_value.h"
 #include "fuzz/support/world.h"
 #include "platform/bundle.h"
+#include "platform/extension_manifest.h"
 
 using namespace appex;
 using namespace appex::fuzz;
@@ -46,5 +48,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   APPEX_FUZZ_CHECK(b.path().starts_with('/') && !b.path().ends_with('/'));
   APPEX_FUZZ_CHECK(b.webAssetsPath() == b.path() + "/Contents/Resources/Assets/extension");
   SafariMetaAPI::version(b.infoDictionary());  // must cope with any value kinds
+  const auto manifest = ExtensionManifest::read(b.infoDictionary());
+  APPEX_FUZZ_CHECK(manifest.accessLevel == "All" || manifest.accessLevel == "Some" ||
+                   manifest.accessLevel == "None");
+  for (const auto& domain : manifest.allowedDomains) APPEX_FUZZ_CHECK(isDomainPattern(domain), domain);
+  if (manifest.toolbarItem) {
+    APPEX_FUZZ_CHECK(manifest.toolbarItem->action == "Popover" || manifest.toolbarItem->action == "Command");
+  }
   return 0;
 }

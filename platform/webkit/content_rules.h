@@ -1,18 +1,11 @@
 // ContentRules: what the bundle's Info.plist asks of the browser for web
-// pages and the toolbar, with the keys an extension bundle declares under
-// NSExtension:
-//
-//   SFSafariContentScript   array of { Script: path }        scripts, in order
-//   SFSafariStyleSheet      array of { "Style Sheet": path }  style sheets
-//   SFSafariWebsiteAccess   { Level: "All" | "Some" | "None",
-//                             "Allowed Domains": [ "*.example.com", ... ] }
-//   SFSafariToolbarItem     { Action: "Popover" | "Command", Label, Image }
+// pages and the toolbar, ready to use: the declarations as ExtensionManifest
+// reads them (platform/extension_manifest.h), with the script and style
+// sheet files read and the toolbar image found.
 //
 // Paths are relative to Contents/Resources/ and must stay inside it
 // (resource_path.h); a file that cannot be read is left out and noted in
-// `problems`. Without SFSafariWebsiteAccess the scripts apply to every web
-// page; an unknown Level applies them nowhere. The toolbar item shows the
-// popover unless its Action is "Command".
+// `problems`, after the manifest's own problems.
 //
 // Value type; reading is thread-safe.
 #pragma once
@@ -22,6 +15,7 @@
 #include <vector>
 
 #include "host/any_value.h"
+#include "platform/extension_manifest.h"
 
 namespace appex {
 class Bundle;
@@ -29,21 +23,15 @@ class Bundle;
 
 namespace appex::webkit {
 
-enum class WebsiteAccess { none, some, all };
-
 struct ContentRules {
   struct File {
     std::string path;  // absolute
     std::string text;
   };
 
+  ExtensionManifest declared;
   std::vector<File> scripts;
   std::vector<File> styleSheets;
-  WebsiteAccess access = WebsiteAccess::all;
-  std::vector<std::string> allowedDomains;
-
-  bool toolbarShowsPopover = true;
-  std::optional<std::string> toolbarLabel;
   // Absolute path of the toolbar image resource, when it exists.
   std::optional<std::string> toolbarImagePath;
 
@@ -63,7 +51,7 @@ ContentRules readContentRules(const Bundle& bundle);
 
 // The URL patterns for one allowed-domain entry: "example.com",
 // "*.example.com" (the domain and its subdomains) or "*" (every host).
-// Nothing for an entry that is no host name.
+// Nothing for an entry that is no domain pattern (isDomainPattern).
 std::vector<std::string> urlPatternsForDomain(const std::string& domain);
 
 }  // namespace appex::webkit

@@ -301,7 +301,9 @@ std::shared_ptr<WebKitWindow> WebKitBrowser::Impl::makeWindow(bool isPrivate) {
   auto window = std::make_shared<WebKitWindow>(std::move(state));
   auto& w = window->internals();
   w.self = window;
-  if (rules.toolbarLabel) w.item->setLabel(rules.toolbarLabel);
+  if (rules.declared.toolbarItem && rules.declared.toolbarItem->label) {
+    w.item->setLabel(rules.declared.toolbarItem->label);
+  }
   if (rules.toolbarImagePath) w.item->setImage(ToolbarImage{*rules.toolbarImagePath});
   w.build(options.offscreenWindows);
   // Item changes come from any thread; the button is redrawn once per batch.
@@ -359,7 +361,7 @@ void WebKitBrowser::Impl::requestValidation(const std::shared_ptr<WebKitWindow>&
 void WebKitBrowser::Impl::toolbarButtonClicked(const std::shared_ptr<WebKitWindow>& window) {
   if (shutDown || !callbacks || window->internals().closed || !window->internals().item->isEnabled()) return;
   auto keep = callbacks;
-  if (!rules.toolbarShowsPopover) {
+  if (!rules.declared.toolbarShowsPopover()) {
     keep->toolbarItemClicked(window);
     return;
   }

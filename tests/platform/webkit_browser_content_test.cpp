@@ -1,6 +1,7 @@
 // What the WebKit browser reads from the bundle without an engine: paths
 // inside Contents/Resources (for the base URI and the Info.plist files) and
 // the content rules of Info.plist.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <boost/json/parse.hpp>
@@ -107,9 +108,9 @@ TEST_F(ContentRulesTest, ReadsScriptsAndStyleSheetsInOrderAndLeavesOutWhatItCann
   EXPECT_EQ(rules.scripts[1].text, "page");
   ASSERT_EQ(rules.styleSheets.size(), 1u);
   EXPECT_EQ(rules.styleSheets[0].text, "sheet");
-  ASSERT_EQ(rules.problems.size(), 3u);
-  EXPECT_NE(rules.problems[0].find("outside"), std::string::npos);
-  EXPECT_NE(rules.problems[1].find("missing.js"), std::string::npos);
+  EXPECT_EQ(rules.problems.size(), 3u);
+  EXPECT_THAT(rules.problems, ::testing::Contains(::testing::HasSubstr("outside")));
+  EXPECT_THAT(rules.problems, ::testing::Contains(::testing::HasSubstr("missing.js")));
 }
 
 TEST_F(ContentRulesTest, WebsiteAccessDecidesWhichPagesGetTheScripts) {
@@ -128,15 +129,16 @@ TEST_F(ContentRulesTest, WebsiteAccessDecidesWhichPagesGetTheScripts) {
 }
 
 TEST_F(ContentRulesTest, ToolbarItemShowsThePopoverUnlessItIsACommand) {
-  const auto defaults = read("{}");
-  EXPECT_TRUE(defaults.toolbarShowsPopover);
-  EXPECT_FALSE(defaults.toolbarLabel);
+  EXPECT_TRUE(read("{}").declared.toolbarShowsPopover()) << "no toolbar item declared";
+  EXPECT_TRUE(read(R"({"SFSafariToolbarItem": {"Label": "Go"}})").declared.toolbarShowsPopover());
   const auto command = read(R"({"SFSafariToolbarItem": {"Action": "Command", "Label": "Go",
                                  "Image": "Assets/page.html"}})");
-  EXPECT_FALSE(command.toolbarShowsPopover);
-  EXPECT_EQ(command.toolbarLabel, "Go");
+  EXPECT_FALSE(command.declared.toolbarShowsPopover());
+  EXPECT_EQ(command.declared.toolbarItem->label, "Go");
   EXPECT_EQ(command.toolbarImagePath, fs::canonical(root / "Assets" / "page.html").string());
-  EXPECT_FALSE(read(R"({"SFSafariToolbarItem": {"Image": "../Info.plist"}})").toolbarImagePath);
+  const auto outside = read(R"({"SFSafariToolbarItem": {"Image": "../Info.plist"}})");
+  EXPECT_FALSE(outside.toolbarImagePath);
+  EXPECT_EQ(outside.problems.size(), 1u);
 }
 
 }  // namespace
