@@ -6,8 +6,6 @@
 #include <fstream>
 #include <sstream>
 
-#include <boost/json/parse.hpp>
-
 namespace appex {
 namespace {
 
@@ -80,51 +78,6 @@ TEST_F(BundleCheckTest, AnUnreadablePlistIsABadBundleAndOddDeclarationsAreWarnin
   ASSERT_TRUE(checked) << checked.error();
   EXPECT_EQ(checked->warnings.size(), 2u);
   EXPECT_TRUE(checked->manifest.scripts.empty());
-}
-
-// What the runner does with a bundle and what `appex check` reports come
-// from this one reading; where a declaration is unusable it errs towards
-// less access.
-TEST(ExtensionManifestTest, UnusableDeclarationsAreReportedAndGrantNothing) {
-  auto read = [](std::string_view extensionJson) {
-    Dictionary info;
-    info["NSExtension"] = boost::json::parse(extensionJson);
-    return ExtensionManifest::read(info);
-  };
-  const auto plain = read("{}");
-  EXPECT_EQ(plain.accessLevel, "All");
-  EXPECT_TRUE(plain.toolbarShowsPopover());
-  EXPECT_TRUE(plain.problems.empty());
-
-  const auto odd = read(R"({"SFSafariWebsiteAccess": {"Level": "Most",
-                              "Allowed Domains": ["ok.example", "not a domain", "*.", "*"]},
-                            "SFSafariToolbarItem": {"Action": "Menu"}})");
-  EXPECT_EQ(odd.accessLevel, "None");
-  EXPECT_FALSE(odd.admitsHost("ok.example"));
-  EXPECT_EQ(odd.allowedDomains, (std::vector<std::string>{"ok.example", "*"}));
-  EXPECT_TRUE(odd.toolbarShowsPopover());
-  EXPECT_EQ(odd.toolbarItem->action, "Popover");
-  EXPECT_EQ(odd.problems.size(), 4u);
-
-  const auto command = read(R"({"SFSafariToolbarItem": {"Action": "Command"}})");
-  EXPECT_FALSE(command.toolbarShowsPopover());
-}
-
-TEST(ExtensionManifestTest, WebsiteAccessMatchesHostsByPattern) {
-  ExtensionManifest m;
-  m.accessLevel = "Some";
-  m.allowedDomains = {"*.example.com", "exact.org"};
-  EXPECT_TRUE(m.admitsHost("example.com"));
-  EXPECT_TRUE(m.admitsHost("a.b.example.com"));
-  EXPECT_FALSE(m.admitsHost("badexample.com"));
-  EXPECT_TRUE(m.admitsHost("exact.org"));
-  EXPECT_FALSE(m.admitsHost("sub.exact.org"));
-  m.allowedDomains.push_back("*");
-  EXPECT_TRUE(m.admitsHost("anything.else"));
-  m.accessLevel = "None";
-  EXPECT_FALSE(m.admitsHost("example.com"));
-  m.accessLevel = "All";
-  EXPECT_TRUE(m.admitsHost("anything"));
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
-# The user defaults store, the bundle reader and the HTTP client. The HTTP
-# tests serve from 127.0.0.1 with cpp-httplib; the bundle tests write binary
-# Info.plist files with libplist.
+# The user defaults store, the bundle reader and its declarations, and the
+# HTTP client. The HTTP tests serve from 127.0.0.1 with cpp-httplib; the
+# bundle tests write binary Info.plist files with libplist.
 find_package(SQLite3 REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(APPEX_TEST_PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
@@ -14,6 +14,11 @@ appex_test(defaults_test
 appex_test(bundle_test
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/bundle_test.cpp
   LIBS appex_platform_storage PkgConfig::APPEX_TEST_PLIST
+  LABELS "platform")
+
+appex_test(extension_manifest_test
+  SOURCES ${CMAKE_CURRENT_LIST_DIR}/extension_manifest_test.cpp
+  LIBS appex_manifest
   LABELS "platform")
 
 appex_test(http_client_test
