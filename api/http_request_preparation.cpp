@@ -4,28 +4,11 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cmath>
-#include <vector>
+
+#include "host/json.h"
 
 namespace appex {
 namespace {
-
-// JSON text cannot hold NaN or infinities (a parsed "1e999" is one).
-bool allNumbersFinite(const AnyValue& root) {
-  std::vector<const AnyValue*> stack{&root};
-  while (!stack.empty()) {
-    const AnyValue* v = stack.back();
-    stack.pop_back();
-    if (const auto* d = v->if_double()) {
-      if (!std::isfinite(*d)) return false;
-    } else if (const auto* a = v->if_array()) {
-      for (const auto& e : *a) stack.push_back(&e);
-    } else if (const auto* o = v->if_object()) {
-      for (const auto& kv : *o) stack.push_back(&kv.value());
-    }
-  }
-  return true;
-}
 
 bool isContentType(std::string_view name) {
   constexpr std::string_view kName = "content-type";
@@ -51,7 +34,7 @@ std::expected<PreparedHttpRequest, Err> prepareHttpRequest(const std::optional<A
     if (auto it = d->find("data"); it != d->end()) {
       if (const auto* s = it->value().if_string()) {
         prepared.body = std::string(s->data(), s->size());
-      } else if (it->value().is_object() && allNumbersFinite(it->value())) {
+      } else if (it->value().is_object() && !JSON::hasNonFiniteNumber(it->value())) {
         prepared.body = boost::json::serialize(it->value());
       }
     }

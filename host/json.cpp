@@ -13,23 +13,6 @@ namespace {
 
 constexpr std::size_t kMaxDepth = 256;
 
-// Finds a number JSON cannot write. Iterative, so hostile nesting cannot
-// exhaust the stack.
-bool hasNonFiniteNumber(const AnyValue& root) {
-  std::vector<const AnyValue*> stack{&root};
-  while (!stack.empty()) {
-    const AnyValue* v = stack.back();
-    stack.pop_back();
-    if (const auto* d = v->if_double()) {
-      if (!std::isfinite(*d)) return true;
-    } else if (const auto* a = v->if_array()) {
-      for (const auto& e : *a) stack.push_back(&e);
-    } else if (const auto* o = v->if_object()) {
-      for (const auto& kv : *o) stack.push_back(&kv.value());
-    }
-  }
-  return false;
-}
 
 void replaceAll(std::string& s, std::string_view from, std::string_view to) {
   std::size_t pos = 0;
@@ -52,7 +35,7 @@ std::optional<AnyValue> JSON::parse(std::string_view text, bool allowFragments) 
   // infinity, which stringify cannot write: such a value could never be sent
   // on to a page (an HTTP body holding one would lose its whole answer), so
   // the text is not taken as JSON at all.
-  if (hasNonFiniteNumber(v)) return std::nullopt;
+  if (JSON::hasNonFiniteNumber(v)) return std::nullopt;
   return v;
 }
 
@@ -78,7 +61,7 @@ std::optional<std::string> JSON::stringify(const std::optional<AnyValue>& value)
     out.push_back('"');
     return out;
   }
-  if (hasNonFiniteNumber(*value)) {
+  if (JSON::hasNonFiniteNumber(*value)) {
     printLine("JSON write error: invalid number (NaN or infinity) in value");
     return std::nullopt;
   }
@@ -87,6 +70,22 @@ std::optional<std::string> JSON::stringify(const std::optional<AnyValue>& value)
   replaceAll(out, "\xE2\x80\xA9", "\\u2029");
   replaceAll(out, "</", "<\\/");
   return out;
+}
+
+bool JSON::hasNonFiniteNumber(const AnyValue& value) {
+  std::vector<const AnyValue*> stack{&value};
+  while (!stack.empty()) {
+    const AnyValue* v = stack.back();
+    stack.pop_back();
+    if (const auto* d = v->if_double()) {
+      if (!std::isfinite(*d)) return true;
+    } else if (const auto* a = v->if_array()) {
+      for (const auto& e : *a) stack.push_back(&e);
+    } else if (const auto* o = v->if_object()) {
+      for (const auto& kv : *o) stack.push_back(&kv.value());
+    }
+  }
+  return false;
 }
 
 }  // namespace appex

@@ -39,6 +39,10 @@ class JSON {
   static std::optional<std::string> stringify(const std::optional<AnyValue>& value);
   // The string escaping above, without the enclosing quotes.
   static std::string escapeForScript(std::string_view text);
+  // True when `value` holds NaN or an infinity anywhere: JSON text cannot
+  // write it, so stringify refuses it. Iterative, so hostile nesting cannot
+  // exhaust the stack.
+  static bool hasNonFiniteNumber(const AnyValue& value);
 };
 
 }  // namespace appex
