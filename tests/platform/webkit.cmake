@@ -1,7 +1,8 @@
 # Tests on real WebKit: the WebKitGTK web view and engine, and the bridge end
 # to end with the injected script. They need a display, so each runs under
-# `xvfb-run -a`. Label "webkit" only: WebKit itself is not clean under
-# ThreadSanitizer, so these stay out of the concurrency suites.
+# `xvfb-run -a`. Label "webkit", not "concurrency": under ThreadSanitizer
+# they run with the tsan-webkit test preset's options, which keep WebKit's
+# own uninstrumented code out of the reports.
 if(APPEX_WITH_WEBKIT)
   find_program(XVFB_RUN xvfb-run)
   if(NOT XVFB_RUN)

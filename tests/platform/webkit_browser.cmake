@@ -1,8 +1,9 @@
 # The WebKit browser: the engine-free parts (Info.plist content rules,
 # resource paths) anywhere, and the browser end to end on real WebKit under
 # `xvfb-run -a` (a 24-bit screen for the toolbar windows and the popover).
-# The end-to-end suite is labelled "webkit;e2e", never "concurrency": WebKit
-# itself is not clean under ThreadSanitizer.
+# The end-to-end suite is labelled "webkit;e2e", not "concurrency": under
+# ThreadSanitizer it runs with the tsan-webkit test preset's options, which
+# keep WebKit's own uninstrumented code out of the reports.
 appex_test(webkit_browser_content_test
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/webkit_browser_content_test.cpp
   LIBS appex_webkit_content
