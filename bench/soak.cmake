@@ -2,7 +2,21 @@
 # events, storage changes and tab closings at once (soak), and the storage
 # kill loop (storage_kill_loop), which SIGKILLs the storage crash writer at
 # random moments and checks every acknowledged write. scripts/soak runs both.
-add_executable(soak ${CMAKE_CURRENT_LIST_DIR}/soak.cpp)
+# soak_memory.cpp replaces the global operator new and delete to count live
+# bytes: it belongs in this executable only.
+set(APPEX_SOAK_SOURCES
+  soak.cpp
+  soak_harness.cpp
+  soak_harness_asks.cpp
+  soak_harness_closing.cpp
+  soak_harness_pages.cpp
+  soak_harness_report.cpp
+  soak_log_counter.cpp
+  soak_memory.cpp
+  soak_options.cpp
+  soak_requests.cpp)
+list(TRANSFORM APPEX_SOAK_SOURCES PREPEND ${CMAKE_CURRENT_LIST_DIR}/)
+add_executable(soak ${APPEX_SOAK_SOURCES})
 target_link_libraries(soak PRIVATE appex_entry appex_sim appex_platform_storage)
 
 find_package(SQLite3 REQUIRED)

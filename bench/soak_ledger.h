@@ -311,7 +311,13 @@ class Ledger {
 
 // Uids carry the ledger index: "p<index>" for asks from content pages,
 // "b<index>" for asks from the background page.
-inline std::string uidFor(char origin, std::size_t index) { return std::string(1, origin) + std::to_string(index); }
+inline std::string uidFor(char origin, std::size_t index) {
+  // Appended rather than concatenated: GCC 12 warns falsely (-Wrestrict) on
+  // `std::string(1, c) + ...` where it is inlined.
+  std::string uid(1, origin);
+  uid += std::to_string(index);
+  return uid;
+}
 
 // The ledger index of `uid` if it was made by uidFor with `origin`.
 inline std::optional<std::size_t> indexOf(std::string_view uid, char origin) {
