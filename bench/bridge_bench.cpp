@@ -16,17 +16,18 @@
 //
 // Exit status: 0 when every ask was answered correctly (whether or not the
 // target was met), 2 otherwise.
-#include <algorithm>
-#include <cstdlib>
 #include <chrono>
+#include <cstdlib>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "bench/latency_stats.h"
 #include "bridge/leak_avoider.h"
 #include "bridge/wk_web_view_bridge.h"
 #include "core/log.h"
@@ -36,8 +37,6 @@
 namespace appex::bench {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 constexpr int kAsks = 5000;
 constexpr int kInFlight = 64;
 // Asks per turn: sequential turns are short; turns with 64 in flight are
@@ -46,6 +45,7 @@ constexpr int kSequentialChunk = 25;
 constexpr int kInFlightChunk = 500;
 constexpr int kWarmUp = 500;
 constexpr double kTargetOverhead = 0.10;  // at p50
+constexpr int kLabelWidth = 44;           // of the results table's case column
 
 constexpr const char* kPage = R"HTML(<!doctype html><html><head><script>
 window.webkit.messageHandlers.Webview_Bridge.postMessage(
@@ -57,52 +57,6 @@ window.webkit.messageHandlers.Webview_Bridge.postMessage(
 })();
 </script></head><body></body></html>
 )HTML";
-
-// Starts request `id`; `done` must be called once when its answer is back.
-using Issue = std::function<void(int id, std::function<void()> done)>;
-
-struct Samples {
-  std::vector<double> micros;  // per request
-  double seconds = 0;          // wall time of all runs
-  int requests = 0;
-
-  double percentile(double p) const {
-    std::vector<double> sorted = micros;
-    std::sort(sorted.begin(), sorted.end());
-    const auto at = static_cast<std::size_t>(p * static_cast<double>(sorted.size() - 1) + 0.5);
-    return sorted[at];
-  }
-  double throughput() const { return requests / seconds; }
-};
-
-// Runs `total` requests keeping `inFlight` outstanding; adds to `samples`
-// unless it is null.
-bool measure(webkit::Engine& engine, const Issue& issue, int total, int inFlight,
-             Samples* samples) {
-  std::vector<Clock::time_point> started(total);
-  int issued = 0;
-  int completed = 0;
-  std::function<void()> next = [&] {
-    const int id = issued++;
-    started[id] = Clock::now();
-    issue(id, [&, id] {
-      if (samples) {
-        samples->micros.push_back(
-            std::chrono::duration<double, std::micro>(Clock::now() - started[id]).count());
-      }
-      ++completed;
-      if (issued < total) next();
-    });
-  };
-  const auto begin = Clock::now();
-  for (int i = 0; i < inFlight && issued < total; ++i) next();
-  const bool ok = engine.runUntil([&] { return completed == total; }, std::chrono::seconds(120));
-  if (samples) {
-    samples->seconds += std::chrono::duration<double>(Clock::now() - begin).count();
-    samples->requests += total;
-  }
-  return ok;
-}
 
 std::string payload(int id) {
   return "{\"n\":" + std::to_string(id) + ",\"text\":\"hello from native\"}";
@@ -208,8 +162,8 @@ int run() {
   struct Case {
     const Issue& issue;
     bool bypassesBridge = false;
-    Samples sequential;
-    Samples parallel;
+    LatencySamples sequential;
+    LatencySamples parallel;
   };
   Case rawCase{raw}, bridgeCase{viaBridge}, shapeCase{rawAnswerShape},
       pageCase{pageScriptOnly, true};
@@ -222,7 +176,7 @@ int run() {
          measure(engine, c->issue, kWarmUp, kInFlight, nullptr);
   }
   // The cases in turns of `chunk` asks until each has made kAsks.
-  auto alternate = [&](int inFlight, int chunk, Samples Case::*samples) {
+  auto alternate = [&](int inFlight, int chunk, LatencySamples Case::*samples) {
     for (int done = 0; ok && done < kAsks; done += chunk) {
       for (Case* c : cases) {
         bypassBridge(c->bypassesBridge);
@@ -239,22 +193,14 @@ int run() {
   }
 
   std::printf("\nRound trip native -> page -> native on WebKitGTK, %d asks per case\n", kAsks);
-  std::printf("%-44s %9s %9s %9s\n", "case", "p50 us", "p99 us", "asks/s");
-  auto row = [](const char* label, const Samples& s) {
-    std::printf("%-44s %9.1f %9.1f %9.0f\n", label, s.percentile(0.50), s.percentile(0.99),
-                s.throughput());
-  };
-  row("raw, sequential", rawCase.sequential);
-  row("bridge, sequential", bridgeCase.sequential);
-  row("raw, 64 in flight", rawCase.parallel);
-  row("bridge, 64 in flight", bridgeCase.parallel);
-  std::printf("breakdown:\n");
-  row("  raw with the answer's shape, sequential", shapeCase.sequential);
-  row("  page script, bare native, sequential", pageCase.sequential);
-  row("  raw with the answer's shape, 64 in flight", shapeCase.parallel);
-  row("  page script, bare native, 64 in flight", pageCase.parallel);
+  printLatencyTable(kLabelWidth, kInFlight,
+                    {{"raw", rawCase.sequential, rawCase.parallel},
+                     {"bridge", bridgeCase.sequential, bridgeCase.parallel}},
+                    {{"raw with the answer's shape", shapeCase.sequential, shapeCase.parallel},
+                     {"page script, bare native", pageCase.sequential, pageCase.parallel}});
 
-  auto overhead = [&](const char* label, const Samples& bridgeSamples, const Samples& rawSamples) {
+  auto overhead = [&](const char* label, const LatencySamples& bridgeSamples,
+                      const LatencySamples& rawSamples) {
     const double added = bridgeSamples.percentile(0.50) / rawSamples.percentile(0.50) - 1.0;
     std::printf("bridge overhead at p50, %-14s %+6.1f%%  (target < %.0f%%)%s\n", label,
                 added * 100.0, kTargetOverhead * 100.0, added < kTargetOverhead ? "" : "  MISSED");

@@ -24,7 +24,6 @@
 //
 // Exit status: 0 when every ask was answered correctly (whether or not the
 // target was met), 2 otherwise.
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -38,6 +37,7 @@
 #include <utility>
 #include <vector>
 
+#include "bench/latency_stats.h"
 #include "bridge/wk_web_view_bridge.h"
 #include "core/context.h"
 #include "core/log.h"
@@ -59,14 +59,13 @@
 namespace appex::bench {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 constexpr int kAsks = 2000;
 constexpr int kInFlight = 64;
 constexpr int kSequentialChunk = 25;
 constexpr int kInFlightChunk = 250;
 constexpr int kWarmUp = 200;
 constexpr double kTargetRatio = 2.3;  // route p50 / raw p50
+constexpr int kLabelWidth = 46;       // of the results table's case column
 
 constexpr const char* kBackgroundPage = R"HTML(<!doctype html><html><head><script>
 window.webkit.messageHandlers.Webview_Bridge.postMessage(
@@ -83,52 +82,6 @@ constexpr const char* kBlankPage = R"HTML(<!doctype html><html><head><script>
 window.webkit.messageHandlers.Bench_Loaded.postMessage(1);
 </script></head><body></body></html>
 )HTML";
-
-// Starts request `id`; `done` must be called once, on the main thread,
-// when its answer is back.
-using Issue = std::function<void(int id, std::function<void()> done)>;
-
-struct Samples {
-  std::vector<double> micros;  // per request
-  double seconds = 0;          // wall time of all runs
-  int requests = 0;
-
-  double percentile(double p) const {
-    std::vector<double> sorted = micros;
-    std::sort(sorted.begin(), sorted.end());
-    const auto at = static_cast<std::size_t>(p * static_cast<double>(sorted.size() - 1) + 0.5);
-    return sorted[at];
-  }
-  double throughput() const { return requests / seconds; }
-};
-
-// Runs `total` requests keeping `inFlight` outstanding; adds to `samples`
-// unless it is null.
-bool measure(webkit::Engine& engine, const Issue& issue, int total, int inFlight, Samples* samples) {
-  std::vector<Clock::time_point> started(total);
-  int issued = 0;
-  int completed = 0;
-  std::function<void()> next = [&] {
-    const int id = issued++;
-    started[id] = Clock::now();
-    issue(id, [&, id] {
-      if (samples) {
-        samples->micros.push_back(
-            std::chrono::duration<double, std::micro>(Clock::now() - started[id]).count());
-      }
-      ++completed;
-      if (issued < total) next();
-    });
-  };
-  const auto begin = Clock::now();
-  for (int i = 0; i < inFlight && issued < total; ++i) next();
-  const bool ok = engine.runUntil([&] { return completed == total; }, std::chrono::seconds(120));
-  if (samples) {
-    samples->seconds += std::chrono::duration<double>(Clock::now() - begin).count();
-    samples->requests += total;
-  }
-  return ok;
-}
 
 std::string payloadJson(int id) {
   return "{\"n\":" + std::to_string(id) + ",\"text\":\"hello from the content page\"}";
@@ -284,15 +237,15 @@ int run() {
     struct Case {
       const Issue& issue;
       sim::Delivery delivery = sim::Delivery::workerThreads;
-      Samples sequential;
-      Samples parallel;
+      LatencySamples sequential;
+      LatencySamples parallel;
     };
     Case rawCase{rawHop}, routeCase{route}, bridgeCase{bridgeAlone},
         inlineCase{route, sim::Delivery::inlineOnCaller};
     const std::vector<Case*> cases = {&rawCase, &routeCase, &bridgeCase, &inlineCase};
 
     bool ok = true;
-    auto runCase = [&](Case* c, int total, int inFlight, Samples* samples) {
+    auto runCase = [&](Case* c, int total, int inFlight, LatencySamples* samples) {
       sim->setDelivery(c->delivery);
       ok = ok && measure(engine, c->issue, total, inFlight, samples);
       ok = ok && sim->waitForIdle();
@@ -301,7 +254,7 @@ int run() {
       runCase(c, kWarmUp, 1, nullptr);
       runCase(c, kWarmUp, kInFlight, nullptr);
     }
-    auto alternate = [&](int inFlight, int chunk, Samples Case::*samples) {
+    auto alternate = [&](int inFlight, int chunk, LatencySamples Case::*samples) {
       for (int done = 0; ok && done < kAsks; done += chunk) {
         for (Case* c : cases) runCase(c, chunk, inFlight, &(c->*samples));
       }
@@ -316,21 +269,13 @@ int run() {
     } else {
       std::printf("\nContent-page ask -> router -> background page -> answer, on WebKitGTK, %d asks per case\n",
                   kAsks);
-      std::printf("%-46s %9s %9s %9s\n", "case", "p50 us", "p99 us", "asks/s");
-      auto row = [](const char* label, const Samples& s) {
-        std::printf("%-46s %9.1f %9.1f %9.0f\n", label, s.percentile(0.50), s.percentile(0.99), s.throughput());
-      };
-      row("raw hop, sequential", rawCase.sequential);
-      row("route, sequential", routeCase.sequential);
-      row("raw hop, 64 in flight", rawCase.parallel);
-      row("route, 64 in flight", routeCase.parallel);
-      std::printf("breakdown:\n");
-      row("  background bridge alone, sequential", bridgeCase.sequential);
-      row("  route, completions inline, sequential", inlineCase.sequential);
-      row("  background bridge alone, 64 in flight", bridgeCase.parallel);
-      row("  route, completions inline, 64 in flight", inlineCase.parallel);
+      printLatencyTable(kLabelWidth, kInFlight,
+                        {{"raw hop", rawCase.sequential, rawCase.parallel},
+                         {"route", routeCase.sequential, routeCase.parallel}},
+                        {{"background bridge alone", bridgeCase.sequential, bridgeCase.parallel},
+                         {"route, completions inline", inlineCase.sequential, inlineCase.parallel}});
 
-      auto ratio = [](const char* label, const Samples& subject, const Samples& baseline) {
+      auto ratio = [](const char* label, const LatencySamples& subject, const LatencySamples& baseline) {
         const double r = subject.percentile(0.50) / baseline.percentile(0.50);
         std::printf("route / raw hop at p50, %-14s %5.2fx  (target < %.1fx)%s\n", label, r, kTargetRatio,
                     r < kTargetRatio ? "" : "  MISSED");
