@@ -6,7 +6,7 @@
 // through a JSON round trip, as they would on the way through the browser,
 // so a value that cannot travel is noticed.
 //
-//   createClock()       timers that only run on tick(ms)
+//   createClock()       timers that only run on tick(ms) (js_support/)
 //   createTab()         one page of a tab: frames with content.js (and
 //                       extension.js), and the native side of their messages
 //   createHostedPage()  a background or popup page: the native
@@ -14,6 +14,9 @@
 //                       bridge/bridge.js on request, and native asks
 
 import { readFileSync } from 'node:fs';
+import { createClock } from '../js_support/manual_clock.mjs';
+
+export { createClock };
 
 const read = (path) => readFileSync(new URL(path, import.meta.url), 'utf8');
 export const sources = {
@@ -52,41 +55,6 @@ export function createConsole() {
   const lines = [];
   const record = (...args) => lines.push(args.join(' '));
   return { lines, error: record, log: record, warn: record };
-}
-
-export function createClock() {
-  let now = 0;
-  let nextId = 1;
-  const timers = new Map();
-  return {
-    setTimeout(fn, ms = 0) {
-      const id = nextId++;
-      timers.set(id, { fn, at: now + ms });
-      return id;
-    },
-    clearTimeout(id) {
-      timers.delete(id);
-    },
-    // Runs every timer due within `ms`, earliest first.
-    tick(ms) {
-      const end = now + ms;
-      for (;;) {
-        let due = null;
-        for (const [id, t] of timers) {
-          if (t.at <= end && (due === null || t.at < due[1].at)) due = [id, t];
-        }
-        if (due === null) break;
-        timers.delete(due[0]);
-        now = due[1].at;
-        due[1].fn();
-      }
-      now = end;
-    },
-    get pending() {
-      return timers.size;
-    },
-    Date: { now: () => now },
-  };
 }
 
 // ---------------------------------------------------------------------
