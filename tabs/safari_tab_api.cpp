@@ -50,6 +50,7 @@ SafariTabAPI::SafariTabAPI(Context& context)
     : context_(context),
       emitter_(Emitter::create()),
       tabCache_(sameBrowserObject<SFSafariTab>),
+      removedTabs_(sameBrowserObject<SFSafariTab>),
       pageCache_(sameBrowserObject<SFSafariPage>) {}
 
 std::shared_ptr<SFSafariApplication> SafariTabAPI::application() const {
@@ -160,7 +161,9 @@ void SafariTabAPI::deliverAnswer(const Message& message) {
 // --- Snapshots ---------------------------------------------------------------
 
 void SafariTabAPI::getTabState(std::shared_ptr<SFSafariTab> tab, TabStateCompletion completion) {
-  if (auto cached = cachedTabState(tab)) {
+  auto cached = cachedTabState(tab);
+  if (!cached) cached = removedTabState(tab);
+  if (cached) {
     completion(std::move(cached));
     return;
   }
@@ -208,10 +211,11 @@ void SafariTabAPI::buildTabState(std::shared_ptr<SFSafariTab> tab, std::shared_p
     fields.isActive = activeTab && activeTab->isEqual(*tab);
     fields.isPrivate = properties && properties->usesPrivateBrowsing;
 
-    auto [state, isNew] = self->record(tab, std::move(fields));
+    auto [state, recorded] = self->record(tab, std::move(fields));
+    const bool isNew = recorded == Recorded::created;
     const Dictionary form = state->toDictionary();
     (*done)(state);
-    if (suppressUpdates && !isNew) return;
+    if (recorded == Recorded::removed || (suppressUpdates && !isNew)) return;
     const std::string event = isNew ? "create" : "update";
     logLine("tab event: " + event + " - " + boost::json::serialize(form) + ", " + tab->description());
     self->emitter_->fire(event, EventPayload::object(state, form));
@@ -244,15 +248,26 @@ void SafariTabAPI::buildTabState(std::shared_ptr<SFSafariTab> tab, std::shared_p
   });
 }
 
-std::pair<std::shared_ptr<TabState>, bool> SafariTabAPI::record(const std::shared_ptr<SFSafariTab>& tab,
-                                                                TabState::Fields fields) {
+std::pair<std::shared_ptr<TabState>, SafariTabAPI::Recorded> SafariTabAPI::record(
+    const std::shared_ptr<SFSafariTab>& tab, TabState::Fields fields) {
   const WeakRef<SFSafariTab> key(tab);
   std::lock_guard lock(registryMutex_);
   auto found = tabCache_.get(key);
+  if (!found) {
+    if (auto removed = removedTabs_.get(key)) {
+      removed->value->assign(std::move(fields));
+      return {removed->value, Recorded::removed};
+    }
+  }
   auto state = found ? found->value : std::make_shared<TabState>(newUUIDString());
   state->assign(std::move(fields));
   tabCache_.set(key, state);
-  return {std::move(state), !found};
+  return {std::move(state), found ? Recorded::updated : Recorded::created};
+}
+
+std::shared_ptr<TabState> SafariTabAPI::removedTabState(const std::shared_ptr<SFSafariTab>& tab) const {
+  auto found = removedTabs_.get(WeakRef<SFSafariTab>(tab));
+  return found ? found->value : nullptr;
 }
 
 void SafariTabAPI::refreshTabs(TabStatesCompletion completion) {

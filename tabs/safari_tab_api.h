@@ -170,17 +170,25 @@ class SafariTabAPI : public std::enable_shared_from_this<SafariTabAPI> {
   void updateTab(const std::string& id, const std::optional<std::string>& url, bool active,
                  ResultCallback completion);
   // Forgets the tab's snapshot and closes it: true, or false when no open
-  // tab has that id.
+  // tab has that id. Messages its pages sent before the close still arrive
+  // afterwards; they are tied to the forgotten snapshot (same id) instead
+  // of registering the closing tab again under a new id with a "create"
+  // event. Nothing registers it again, and no event names it.
   void removeTab(const std::string& id, ResultCallback completion);
 
  private:
   std::shared_ptr<SFSafariApplication> application() const;
   std::shared_ptr<SafariWindowAPI> windows() const;
 
+  // What record did with a build.
+  enum class Recorded { created, updated, removed };
   // Stores the result of a build: the tab's existing snapshot updated in
-  // place, or a new one. Returns it and whether it is new.
-  std::pair<std::shared_ptr<TabState>, bool> record(const std::shared_ptr<SFSafariTab>& tab,
-                                                    TabState::Fields fields);
+  // place, or a new one; a tab removed with removeTab gets its forgotten
+  // snapshot updated and stays out of tabCache.
+  std::pair<std::shared_ptr<TabState>, Recorded> record(const std::shared_ptr<SFSafariTab>& tab,
+                                                        TabState::Fields fields);
+  // The snapshot removeTab took out for `tab`, or nullptr.
+  std::shared_ptr<TabState> removedTabState(const std::shared_ptr<SFSafariTab>& tab) const;
   void deliverAsk(Message message, const std::shared_ptr<SFSafariPage>& page);
   void deliverAnswer(const Message& message);
   void validateTab(const Message& message, const std::shared_ptr<SFSafariPage>& page);
@@ -188,6 +196,9 @@ class SafariTabAPI : public std::enable_shared_from_this<SafariTabAPI> {
   Context& context_;
   const std::shared_ptr<Emitter> emitter_;
   TabCache tabCache_;
+  // Snapshots removeTab took out, while their tab objects live (entries of
+  // gone tabs are dropped on the next removal).
+  TabCache removedTabs_;
   PageCache pageCache_;
   Callbacks callbacks_;
 

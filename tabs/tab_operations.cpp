@@ -113,18 +113,25 @@ void SafariTabAPI::updateTab(const std::string& id, const std::optional<std::str
 }
 
 void SafariTabAPI::removeTab(const std::string& id, ResultCallback completion) {
-  std::shared_ptr<TabState> removed;
+  std::shared_ptr<SFSafariTab> tab;
   {
+    // One locked step: a build racing this removal finds the snapshot in
+    // one of the two sets, never in neither.
     std::lock_guard lock(registryMutex_);
     for (const auto& [position, entry] : tabCache_.list().enumerated()) {
-      if (entry.value->id() == id) {
-        removed = entry.value;
-        tabCache_.list().remove(position);
-        break;
+      if (entry.value->id() != id) continue;
+      tab = entry.value->tab().ref();
+      tabCache_.list().remove(position);
+      if (tab) {
+        auto removed = removedTabs_.list().enumerated();
+        for (auto gone = removed.rbegin(); gone != removed.rend(); ++gone) {
+          if (gone->second.key.expired()) removedTabs_.list().remove(gone->first);
+        }
+        removedTabs_.set(WeakRef<SFSafariTab>(tab), entry.value);
       }
+      break;
     }
   }
-  auto tab = removed ? removed->tab().ref() : nullptr;
   if (!tab) {
     completion(success(false));
     return;

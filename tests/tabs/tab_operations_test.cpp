@@ -158,5 +158,28 @@ TEST_F(TabOperationsTest, RemoveClosesAndForgetsOrAnswersFalse) {
   EXPECT_EQ(call([&](ResultCallback cb) { tabs->removeTab("nope", std::move(cb)); }).value(), AnyValue(false));
 }
 
+// Messages a page sent just before its tab was removed arrive afterwards,
+// and their lookups hold the tab object; they must not register the
+// closing tab again under a new id and announce it as created.
+TEST_F(TabOperationsTest, ARemovedTabIsNeverRegisteredAgainByWhatWasInFlight) {
+  const auto id = idOf(a2);
+  auto page = a2->activePage();
+  const auto eventsBefore = tabEvents.names().size();
+  ASSERT_EQ(call([&](ResultCallback cb) { tabs->removeTab(id, std::move(cb)); }).value(), AnyValue(true));
+
+  std::shared_ptr<TabState> seen;
+  tabs->getTabState(a2, [&](std::shared_ptr<TabState> state) { seen = std::move(state); });
+  sim->waitForIdle();
+  ASSERT_TRUE(seen);
+  EXPECT_EQ(seen->id(), id) << "an in-flight message keeps the tab's id";
+
+  tabs->buildTabState(a2, page, false, [](std::shared_ptr<TabState>) {});  // a top-frame validation
+  sim->waitForIdle();
+  EXPECT_EQ(tabEvents.names().size(), eventsBefore) << "no event names the removed tab";
+  EXPECT_EQ(tabs->findTabState(id), nullptr);
+  EXPECT_EQ(tabs->tabCache().list().count(), 0u) << "only a2 had been seen, and it is gone";
+  EXPECT_EQ(urls(call([&](ResultCallback cb) { tabs->allTabs(std::move(cb)); })).size(), 2u);
+}
+
 }  // namespace
 }  // namespace appex::testing
