@@ -10,6 +10,7 @@
 #include "api/http_request_preparation.h"
 #include "core/context.h"
 #include "core/log.h"
+#include "tests/core/log_capture.h"
 #include "platform/curl_http_client.h"
 #include "tests/platform/http_test_server.h"
 
@@ -20,26 +21,7 @@ using namespace std::chrono_literals;
 
 AnyValue json(std::string_view text) { return boost::json::parse(text); }
 
-// Captures system-log lines for the life of the object.
-class LogCapture {
- public:
-  LogCapture() {
-    previous_ = setLogSink([this](LogDestination, std::string_view line) {
-      std::lock_guard lock(m_);
-      lines_.emplace_back(line);
-    });
-  }
-  ~LogCapture() { setLogSink(previous_); }
-  std::vector<std::string> lines() {
-    std::lock_guard lock(m_);
-    return lines_;
-  }
-
- private:
-  LogSink previous_;
-  std::mutex m_;
-  std::vector<std::string> lines_;
-};
+using testing::LogCapture;
 
 Result answerFor(long status, std::optional<std::string> body) {
   return HttpRequest::buildAnswer(HttpRequest::classify(

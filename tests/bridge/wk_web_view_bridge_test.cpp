@@ -15,6 +15,7 @@
 
 #include "bridge/bridge_script.h"
 #include "core/log.h"
+#include "tests/core/log_capture.h"
 #include "core/main_queue.h"
 #include "host/json.h"
 #include "tests/bridge/fake_web_view.h"
@@ -44,27 +45,7 @@ Call parseCall(const std::string& script) {
   return {m[1].str(), message ? *message : AnyValue()};
 }
 
-// Collects every log line; restores the previous sink when done.
-class LogCapture {
- public:
-  LogCapture() {
-    previous_ = setLogSink([this](LogDestination where, std::string_view text) {
-      std::lock_guard lock(mutex_);
-      lines_.emplace_back(where, std::string(text));
-    });
-  }
-  ~LogCapture() { setLogSink(previous_); }
-
-  std::vector<std::pair<LogDestination, std::string>> lines() {
-    std::lock_guard lock(mutex_);
-    return lines_;
-  }
-
- private:
-  LogSink previous_;
-  std::mutex mutex_;
-  std::vector<std::pair<LogDestination, std::string>> lines_;
-};
+using testing::LogCapture;
 
 class BridgeTest : public ::testing::Test {
  protected:
@@ -343,7 +324,7 @@ TEST_F(BridgeTest, MalformedPostsAreDroppedSilently) {
 TEST_F(BridgeTest, InjectPrintsAndEvaluatesTheWholeEmbeddedScriptEachTime) {
   fromPageJson(R"({"channelName":"__default__","type":"INJECT","uid":"ipcp_1"})");
   EXPECT_TRUE(web->evaluated.empty());
-  EXPECT_EQ(log.lines(), (std::vector<std::pair<LogDestination, std::string>>{
+  EXPECT_EQ(log.entries(), (std::vector<LogCapture::Entry>{
                              {LogDestination::standardOutput, "Going to inject js sdk"}}));
   auto scripts = evaluated();
   ASSERT_EQ(scripts.size(), 1u);
@@ -366,9 +347,9 @@ TEST_F(BridgeTest, DebugAndLogLinesDescribeTheDataAndKeepPageTextVerbatim) {
     message.as_object()["channelName"] = "__default__";
     fromPage(message);
   }
-  std::vector<std::pair<LogDestination, std::string>> expected;
+  std::vector<LogCapture::Entry> expected;
   for (const auto& [body, line] : cases) expected.emplace_back(LogDestination::systemLog, line);
-  EXPECT_EQ(log.lines(), expected);
+  EXPECT_EQ(log.entries(), expected);
   EXPECT_TRUE(evaluated().empty());
 }
 

@@ -8,30 +8,12 @@
 #include <vector>
 
 #include "core/log.h"
+#include "tests/core/log_capture.h"
 
 namespace appex {
 namespace {
 
-// Captures system-log lines for the life of the fixture.
-class LogCapture {
- public:
-  LogCapture() {
-    previous_ = setLogSink([this](LogDestination, std::string_view line) {
-      std::lock_guard lock(m_);
-      lines_.emplace_back(line);
-    });
-  }
-  ~LogCapture() { setLogSink(previous_); }
-  std::vector<std::string> lines() {
-    std::lock_guard lock(m_);
-    return lines_;
-  }
-
- private:
-  std::mutex m_;
-  std::vector<std::string> lines_;
-  LogSink previous_;
-};
+using testing::LogCapture;
 
 using Emitter = EventEmitter<int>;
 

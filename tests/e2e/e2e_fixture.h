@@ -49,6 +49,7 @@
 #include "platform/webkit/engine.h"
 #include "tabs/safari_tab_api.h"
 #include "tests/bridge/result_printer.h"
+#include "tests/platform/webkit_test_support.h"
 #include "tests/tabs/tabs_fixture.h"
 
 #include <unistd.h>
@@ -62,17 +63,7 @@ inline std::string text(const AnyValue& value) { return boost::json::serialize(v
 
 class E2ETest : public ::testing::Test {
  protected:
-  static webkit::Engine& engine() {
-    static webkit::Engine* engine = [] {
-      auto started = webkit::Engine::start();
-      if (!started) {
-        std::fprintf(stderr, "WebKit engine did not start: %s\n", started.error().c_str());
-        std::abort();
-      }
-      return *started;
-    }();
-    return *engine;
-  }
+  static webkit::Engine& engine() { return sharedEngine(); }
 
   E2ETest() : scope_(context_) {}
 

@@ -8,6 +8,7 @@
 
 #include "bridge/wk_web_view_bridge.h"
 #include "core/log.h"
+#include "tests/core/log_capture.h"
 #include "tests/bridge/result_printer.h"
 #include "tests/platform/webkit_test_support.h"
 
@@ -46,10 +47,6 @@ class BridgeOnWebKitTest : public testing::WebKitTest {
  protected:
   void SetUp() override {
     WebKitTest::SetUp();
-    previousSink_ = setLogSink([this](LogDestination where, std::string_view text) {
-      std::lock_guard lock(logMutex_);
-      logLines_.emplace_back(where, std::string(text));
-    });
     bridge = WKWebViewBridge::create("BG", web);
     // Native commands the page may ask for.
     bridge->registerHandler("__default__", [this](const Message& ask, IBridge::Reply reply) {
@@ -65,7 +62,6 @@ class BridgeOnWebKitTest : public testing::WebKitTest {
 
   void TearDown() override {
     bridge.reset();
-    setLogSink(previousSink_);
     WebKitTest::TearDown();
   }
 
@@ -89,12 +85,7 @@ class BridgeOnWebKitTest : public testing::WebKitTest {
   }
 
   std::size_t injections() {
-    std::lock_guard lock(logMutex_);
-    std::size_t n = 0;
-    for (const auto& [where, text] : logLines_) {
-      n += where == LogDestination::standardOutput && text == "Going to inject js sdk";
-    }
-    return n;
+    return static_cast<std::size_t>(log_.count(LogDestination::standardOutput, "Going to inject js sdk"));
   }
 
   std::shared_ptr<WKWebViewBridge> bridge;
@@ -102,9 +93,7 @@ class BridgeOnWebKitTest : public testing::WebKitTest {
   IBridge::Reply heldReply;
 
  private:
-  LogSink previousSink_;
-  std::mutex logMutex_;
-  std::vector<std::pair<LogDestination, std::string>> logLines_;
+  testing::LogCapture log_;
 };
 
 TEST_F(BridgeOnWebKitTest, APageThatAsksForTheScriptAnswersNativeAsksThroughOnAsk) {

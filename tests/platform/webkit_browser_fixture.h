@@ -45,6 +45,7 @@
 #include "platform/webkit/webkit_window.h"
 #include "tabs/safari_tab_api.h"
 #include "tests/platform/defaults_test_folder.h"
+#include "tests/platform/webkit_test_support.h"
 
 namespace appex::testing {
 
@@ -139,17 +140,7 @@ class WebKitBrowserTest : public ::testing::Test {
  protected:
   static constexpr const char* kBundleIdentifier = "com.example.appex.webkit-test";
 
-  static webkit::Engine& engine() {
-    static webkit::Engine* engine = [] {
-      auto started = webkit::Engine::start();
-      if (!started) {
-        std::fprintf(stderr, "WebKit engine did not start: %s\n", started.error().c_str());
-        std::abort();
-      }
-      return *started;
-    }();
-    return *engine;
-  }
+  static webkit::Engine& engine() { return sharedEngine(); }
 
   void SetUp() override {
     engine();

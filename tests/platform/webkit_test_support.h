@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -20,19 +21,23 @@
 
 namespace appex::testing {
 
+// The one engine of the test process, started on first use. A test binary
+// cannot go on without it, so failing to start aborts with the reason.
+inline webkit::Engine& sharedEngine() {
+  static webkit::Engine* engine = [] {
+    auto started = webkit::Engine::start();
+    if (!started) {
+      std::fprintf(stderr, "WebKit engine did not start: %s\n", started.error().c_str());
+      std::abort();
+    }
+    return *started;
+  }();
+  return *engine;
+}
+
 class WebKitTest : public ::testing::Test {
  protected:
-  static webkit::Engine& engine() {
-    static webkit::Engine* engine = [] {
-      auto started = webkit::Engine::start();
-      if (!started) {
-        std::fprintf(stderr, "WebKit engine did not start: %s\n", started.error().c_str());
-        std::abort();
-      }
-      return *started;
-    }();
-    return *engine;
-  }
+  static webkit::Engine& engine() { return sharedEngine(); }
 
   void SetUp() override {
     char pattern[] = "/tmp/appex_webkit_XXXXXX";

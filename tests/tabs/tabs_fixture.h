@@ -16,6 +16,7 @@
 
 #include "core/context.h"
 #include "core/log.h"
+#include "tests/core/log_capture.h"
 #include "host/any_value.h"
 #include "host/event_payload.h"
 #include "host/message.h"
@@ -31,33 +32,6 @@ namespace appex::testing {
 
 using namespace std::chrono_literals;
 
-// Lines written through logLine/printLine while alive.
-class LogCapture {
- public:
-  LogCapture() {
-    previous_ = setLogSink([this](LogDestination, std::string_view line) {
-      std::lock_guard lock(mutex_);
-      lines_.emplace_back(line);
-    });
-  }
-  ~LogCapture() { setLogSink(std::move(previous_)); }
-
-  std::vector<std::string> lines() const {
-    std::lock_guard lock(mutex_);
-    return lines_;
-  }
-  int count(const std::string& line) const {
-    std::lock_guard lock(mutex_);
-    int n = 0;
-    for (const auto& l : lines_) n += l == line;
-    return n;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
-  LogSink previous_;
-};
 
 // Everything a tab or window emitter fired, in order, with markers tests
 // add to check ordering against completions.
