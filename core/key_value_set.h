@@ -64,6 +64,17 @@ class KeyValueSet {
     }
   }
 
+  // Removes every entry for which `pred(entry)` holds, as read from one
+  // snapshot, back to front so that the positions read stay valid. Like
+  // `set`, not atomic: owners that race other writers serialise them.
+  template <class Pred>
+  void removeWhere(Pred pred) {
+    auto entries = list_.enumerated();
+    for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
+      if (pred(entry->second)) list_.remove(entry->first);
+    }
+  }
+
   ThreadedArray<Pair>& list() { return list_; }
   const ThreadedArray<Pair>& list() const { return list_; }
 

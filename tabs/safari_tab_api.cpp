@@ -326,12 +326,8 @@ std::string SafariTabAPI::pageIdentifier(const std::shared_ptr<SFSafariPage>& pa
   if (auto found = pageCache_.get(key)) return found->value.id;
   // A page the browser has let go of can never be addressed again. Every
   // page message scans this cache, so it is kept to about the live pages:
-  // each new page clears out the gone ones (back to front, so the positions
-  // read stay valid; writers hold registryMutex_).
-  auto entries = pageCache_.list().enumerated();
-  for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
-    if (entry->second.key.expired()) pageCache_.list().remove(entry->first);
-  }
+  // each new page clears out the gone ones.
+  pageCache_.removeWhere([](const auto& entry) { return entry.key.expired(); });
   std::string id = newUUIDString();
   pageCache_.set(key, PageRecord{id});
   return id;

@@ -123,10 +123,7 @@ void SafariTabAPI::removeTab(const std::string& id, ResultCallback completion) {
       tab = entry.value->tab().ref();
       tabCache_.list().remove(position);
       if (tab) {
-        auto removed = removedTabs_.list().enumerated();
-        for (auto gone = removed.rbegin(); gone != removed.rend(); ++gone) {
-          if (gone->second.key.expired()) removedTabs_.list().remove(gone->first);
-        }
+        removedTabs_.removeWhere([](const auto& gone) { return gone.key.expired(); });
         removedTabs_.set(WeakRef<SFSafariTab>(tab), entry.value);
       }
       break;

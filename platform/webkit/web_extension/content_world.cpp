@@ -153,25 +153,26 @@ struct PostTarget {
   guint64 pageId;
 };
 
-// safari.extension.dispatchMessage's way out: to the tab's web view.
-void post(const char* name, const char* json, gpointer data) {
-  const guint64 pageId = static_cast<PostTarget*>(data)->pageId;
+// Sends the user message `name` with two strings to the web view of page
+// `pageId`, if the page still exists.
+void sendToView(guint64 pageId, const char* name, const char* first, const char* second) {
   WebKitWebPage* page = webkit_web_extension_get_page(state->extension, pageId);
   if (!page) return;
-  GVariant* parameters = g_variant_new("(ss)", name ? name : "", json ? json : "");
-  webkit_web_page_send_message_to_view(page, webkit_user_message_new(kPostName, parameters), nullptr,
-                                       nullptr, nullptr);
+  GVariant* parameters = g_variant_new("(ss)", first, second);
+  webkit_web_page_send_message_to_view(page, webkit_user_message_new(name, parameters), nullptr, nullptr,
+                                       nullptr);
+}
+
+// safari.extension.dispatchMessage's way out: to the tab's web view.
+void post(const char* name, const char* json, gpointer data) {
+  sendToView(static_cast<PostTarget*>(data)->pageId, kPostName, name ? name : "", json ? json : "");
 }
 
 // The console hook's way out: the world's console messages, to the tab's
 // web view.
 void reportConsole(const char* level, const char* text, gpointer data) {
-  const guint64 pageId = static_cast<PostTarget*>(data)->pageId;
-  WebKitWebPage* page = webkit_web_extension_get_page(state->extension, pageId);
-  if (!page) return;
-  GVariant* parameters = g_variant_new("(ss)", level ? level : "log", text ? text : "");
-  webkit_web_page_send_message_to_view(page, webkit_user_message_new(kConsoleMessageName, parameters), nullptr,
-                                       nullptr, nullptr);
+  sendToView(static_cast<PostTarget*>(data)->pageId, kConsoleMessageName, level ? level : "log",
+             text ? text : "");
 }
 
 // Hooks the world's console in `context` (before any content script runs).
