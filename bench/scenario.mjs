@@ -43,10 +43,9 @@ async function once() {
   let appex;
   try {
     appex = await launch({ appex: values.appex, bundle: values.bundle, serve: values.site,
-                           dataDir: join(scratch, 'data') });
+                           open: 'index.html', dataDir: join(scratch, 'data') });
     mark('ready');
-    const { tab } = await appex.openTab('index.html');
-    await appex.waitForBadge('44', { tab });
+    await appex.waitForBadge('44', { tab: 't1' });
     mark('badge');
     const since = appex.mark();
     await appex.clickToolbar();
