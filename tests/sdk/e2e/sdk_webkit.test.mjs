@@ -139,4 +139,55 @@ describe('the SDK on WebKit', { skip: configured ? false : 'run through ctest (s
         JSON.stringify(where));
     }
   });
+
+  it('a content script loads bundle resources into a web page: fetch, XHR, img and style sheet', async () => {
+    const probe = `(async () => {
+      const base = safari.extension.baseURI + 'Assets/extension/media/';
+      const loaded = (element) => new Promise((resolve) => {
+        element.onload = () => resolve(true);
+        element.onerror = () => resolve(false);
+      });
+      const image = document.createElement('img');
+      const imageLoaded = loaded(image);
+      image.src = base + 'dot.svg';
+      document.body.append(image);
+      const sheet = document.createElement('link');
+      const sheetLoaded = loaded(sheet);
+      sheet.rel = 'stylesheet';
+      sheet.href = base + 'probe.css';
+      document.head.append(sheet);
+      const styled = document.body.appendChild(document.createElement('p'));
+      styled.className = 'appex-probe';
+
+      const json = await fetch(base + 'data.json')
+        .then(async (r) => [r.status, r.headers.get('Content-Type'), await r.json()], (e) => e.message);
+      const text = await new Promise((resolve) => {
+        const request = new XMLHttpRequest();
+        request.open('GET', base + 'note.txt');
+        request.onload = () => resolve([request.status, request.getResponseHeader('Content-Type'), request.responseText]);
+        request.onerror = () => resolve('failed');
+        request.send();
+      });
+      const statuses = await Promise.all(['missing.txt', '..%2f..%2f..%2f..%2fInfo.plist', '../../../../Info.plist']
+        .map((path) => fetch(base + path).then((r) => r.status, (e) => e.message)));
+      return {
+        json,
+        text,
+        image: [await imageLoaded, image.naturalWidth, image.naturalHeight],
+        sheet: [await sheetLoaded, getComputedStyle(styled).color],
+        statuses,
+      };
+    })()`;
+    assert.deepEqual(await host.call('eval', { in: 'tab', tab: 't1', code: probe }), {
+      json: [200, 'application/json', { from: 'bundle', n: [1, 2] }],
+      text: [200, 'text/plain', 'bundle text\n'],
+      // An SVG image decodes only when it is served as one.
+      image: [true, 3, 2],
+      sheet: [true, 'rgb(4, 5, 6)'],
+      // Readable failures, and nothing from outside the resources: the page
+      // resolves the plain dots itself, to the resources' top.
+      statuses: [404, 403, 404],
+    });
+  });
+
 });
