@@ -11,6 +11,7 @@
 
 import assert from 'node:assert/strict';
 import { mkdtempSync, rmSync } from 'node:fs';
+import { createServer } from 'node:http';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { after, before, describe, it } from 'node:test';
@@ -190,4 +191,45 @@ describe('the SDK on WebKit', { skip: configured ? false : 'run through ctest (s
     });
   });
 
+  describe('httpRequest', () => {
+    // Refuses requests without a User-Agent, reports the one it got and the
+    // cookie sent, and sets a cookie on /login.
+    let server;
+    let origin;
+    before(async () => {
+      server = createServer((request, response) => {
+        const agent = request.headers['user-agent'];
+        if (!agent) {
+          response.writeHead(403).end('no user agent');
+          return;
+        }
+        if (request.url === '/login') response.setHeader('Set-Cookie', 'session=s3cret; Path=/; HttpOnly');
+        response.setHeader('Content-Type', 'application/json');
+        response.end(JSON.stringify({ agent, cookie: request.headers.cookie ?? null }));
+      });
+      await new Promise((resolve) => server.listen(0, '127.0.0.1', resolve));
+      origin = `http://127.0.0.1:${server.address().port}`;
+    });
+    after(() => {
+      server?.closeAllConnections();
+      server?.close();
+    });
+
+    const ask = (where, details) => host.call('eval', { ...where, code: `appex.httpRequest(${JSON.stringify(details)})` });
+
+    it('names the extension as User-Agent unless the caller sets one', async () => {
+      const { status, data } = await ask({ in: 'background' }, { url: `${origin}/who` });
+      assert.equal(status, 200);
+      assert.match(data.agent, /^appex\/\d+\.\d+\.\d+ libcurl\/\d+\.\d+\.\d+/);
+      const own = await ask({ in: 'background' }, { url: `${origin}/who`, headers: { 'User-Agent': 'probe/2' } });
+      assert.equal(own.data.agent, 'probe/2');
+    });
+
+    it('keeps the cookies a server sets for later requests from every part of the extension', async () => {
+      assert.equal((await ask({ in: 'background' }, { url: `${origin}/before` })).data.cookie, null);
+      await ask({ in: 'background' }, { url: `${origin}/login` });
+      assert.equal((await ask({ in: 'background' }, { url: `${origin}/after` })).data.cookie, 'session=s3cret');
+      assert.equal((await ask({ in: 'tab', tab: 't1' }, { url: `${origin}/after` })).data.cookie, 'session=s3cret');
+    });
+  });
 });
