@@ -37,10 +37,18 @@ void finish(WebKitURISchemeRequest* request, guint status, const char* reason, G
   webkit_uri_scheme_response_set_status(response, status, reason);
   webkit_uri_scheme_response_set_content_type(response, contentType);
   // The engine reports to the page only the fields given here (the content
-  // type set above included); it takes ownership of them.
+  // type set above included); it takes ownership of them. The asking origin
+  // is named rather than "*" so that requests with credentials pass too
+  // (there are none here to leak).
+  SoupMessageHeaders* asked = webkit_uri_scheme_request_get_http_headers(request);
+  const char* origin = asked ? soup_message_headers_get_one(asked, "Origin") : nullptr;
   SoupMessageHeaders* fields = soup_message_headers_new(SOUP_MESSAGE_HEADERS_RESPONSE);
   soup_message_headers_append(fields, "Content-Type", contentType);
-  soup_message_headers_append(fields, "Access-Control-Allow-Origin", "*");
+  soup_message_headers_append(fields, "Access-Control-Allow-Origin", origin ? origin : "*");
+  if (origin) {
+    soup_message_headers_append(fields, "Access-Control-Allow-Credentials", "true");
+    soup_message_headers_append(fields, "Vary", "Origin");
+  }
   webkit_uri_scheme_response_set_http_headers(response, fields);
   webkit_uri_scheme_request_finish_with_response(request, response);
   g_object_unref(response);

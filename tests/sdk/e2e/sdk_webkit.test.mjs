@@ -2,7 +2,8 @@
 // sdk/*.js copied in by the build) runs under `appex run --control`, and
 // each of its parts records what it receives on `window.seen`, which these
 // tests read with `eval`. One host serves every case, in order: the popup
-// is shown before storage is written so that it can hear the change.
+// is shown before storage is written so that it can hear the change. The
+// httpRequest cases talk to a server of the test's own on 127.0.0.1.
 //
 // Environment (set by the ctest registration sdk_e2e): APPEX_BIN,
 // APPEX_SDK_BUNDLE (the assembled probe), APPEX_SDK_SITE (its page folder).
@@ -171,12 +172,14 @@ describe('the SDK on WebKit', { skip: configured ? false : 'run through ctest (s
       });
       const statuses = await Promise.all(['missing.txt', '..%2f..%2f..%2f..%2fInfo.plist', '../../../../Info.plist']
         .map((path) => fetch(base + path).then((r) => r.status, (e) => e.message)));
+      const withCredentials = await fetch(base + 'note.txt', { credentials: 'include' }).then((r) => r.status, (e) => e.message);
       return {
         json,
         text,
         image: [await imageLoaded, image.naturalWidth, image.naturalHeight],
         sheet: [await sheetLoaded, getComputedStyle(styled).color],
         statuses,
+        withCredentials,
       };
     })()`;
     assert.deepEqual(await host.call('eval', { in: 'tab', tab: 't1', code: probe }), {
@@ -188,6 +191,7 @@ describe('the SDK on WebKit', { skip: configured ? false : 'run through ctest (s
       // Readable failures, and nothing from outside the resources: the page
       // resolves the plain dots itself, to the resources' top.
       statuses: [404, 403, 404],
+      withCredentials: 200,
     });
   });
 
