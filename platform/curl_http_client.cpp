@@ -26,6 +26,13 @@ void initialiseCurlOnce() {
   std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
 
+// Some servers refuse a request that does not say what sent it.
+const std::string& userAgent() {
+  static const std::string agent =
+      std::string("appex/") + APPEX_VERSION + " libcurl/" + curl_version_info(CURLVERSION_NOW)->version;
+  return agent;
+}
+
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
   return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
            return std::tolower(static_cast<unsigned char>(x)) ==
@@ -57,11 +64,17 @@ std::string_view trim(std::string_view s) {
 
 class CurlHttpClient::Session : public std::enable_shared_from_this<Session> {
  public:
-  Session() : multi_(curl_multi_init()) {
+  Session() : multi_(curl_multi_init()), cookies_(curl_share_init()) {
     curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxConnectionsPerHost);
+    // No lock functions: every handle that uses the share runs on the
+    // session thread.
+    curl_share_setopt(cookies_, CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE);
   }
 
-  ~Session() { curl_multi_cleanup(multi_); }
+  ~Session() {
+    curl_multi_cleanup(multi_);
+    curl_share_cleanup(cookies_);
+  }
 
   void start() {
     thread_ = std::thread([self = shared_from_this()] { self->run(); });
@@ -166,6 +179,11 @@ class CurlHttpClient::Session : public std::enable_shared_from_this<Session> {
     set(CURLOPT_LOW_SPEED_LIMIT, 1L);
     set(CURLOPT_LOW_SPEED_TIME, seconds);
     set(CURLOPT_ACCEPT_ENCODING, "");
+    set(CURLOPT_USERAGENT, userAgent().c_str());
+    // An empty file name turns on the cookie engine without reading a file;
+    // the share keeps what it learns for the session's later transfers.
+    set(CURLOPT_COOKIEFILE, "");
+    set(CURLOPT_SHARE, cookies_);
     set(CURLOPT_ERRORBUFFER, t.errorBuffer);
     set(CURLOPT_WRITEFUNCTION, &Session::onBody);
     set(CURLOPT_WRITEDATA, static_cast<void*>(&t));
@@ -282,6 +300,7 @@ class CurlHttpClient::Session : public std::enable_shared_from_this<Session> {
   }
 
   CURLM* const multi_;
+  CURLSH* const cookies_;  // the session's cookie store, in memory only
   std::thread thread_;
   std::mutex mutex_;  // guards incoming_ and stopping_
   std::deque<Incoming> incoming_;

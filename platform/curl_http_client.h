@@ -1,6 +1,8 @@
 // CurlHttpClient: HttpClient on libcurl, with one ephemeral session per
-// client: no cookie jar, no cache, no stored credentials, connections kept
-// and reused between requests.
+// client: cookies kept in memory for the session's life (a cookie one
+// response sets goes with the later requests it matches), nothing written to
+// disk, no cache, no stored credentials, connections kept and reused
+// between requests.
 //
 // The session (a multi handle and the thread that drives it) starts with the
 // first `send`. Requests run on that thread and their completions are called
@@ -11,7 +13,9 @@
 // every stall of the transfer (no byte for that long), not the whole
 // transfer. A response body is decoded from any content encoding the session
 // offered. The header fields sent are the request's own plus what HTTP needs
-// (Host, Content-Length, Accept, Accept-Encoding).
+// (Host, Content-Length, Accept, Accept-Encoding), the session's matching
+// cookies, and "User-Agent: appex/<version> libcurl/<version>" unless the
+// request names its own.
 //
 // Destroying the client cancels what is in flight: each such completion runs
 // once, with a transport error. A completion may destroy the last reference

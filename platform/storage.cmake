@@ -13,3 +13,6 @@ add_library(appex_platform_storage
 target_link_libraries(appex_platform_storage
   PUBLIC appex_message
   PRIVATE SQLite::SQLite3 CURL::libcurl PkgConfig::PLIST)
+# The HTTP client names the project's version in its User-Agent.
+set_source_files_properties(${CMAKE_CURRENT_LIST_DIR}/curl_http_client.cpp
+  PROPERTIES COMPILE_DEFINITIONS APPEX_VERSION="${PROJECT_VERSION}")

@@ -2,7 +2,8 @@
 // sdk/*.js copied in by the build) runs under `appex run --control`, and
 // each of its parts records what it receives on `window.seen`, which these
 // tests read with `eval`. One host serves every case, in order: the popup
-// is shown before storage is written so that it can hear the change.
+// is shown before storage is written so that it can hear the change. The
+// httpRequest cases talk to a server of the test's own on 127.0.0.1.
 //
 // Environment (set by the ctest registration sdk_e2e): APPEX_BIN,
 // APPEX_SDK_BUNDLE (the assembled probe), APPEX_SDK_SITE (its page folder).
@@ -11,6 +12,7 @@
 
 import assert from 'node:assert/strict';
 import { mkdtempSync, rmSync } from 'node:fs';
+import { createServer } from 'node:http';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { after, before, describe, it } from 'node:test';
@@ -138,5 +140,100 @@ describe('the SDK on WebKit', { skip: configured ? false : 'run through ctest (s
       assert.deepEqual(await host.call('eval', { ...where, code: probe }), [true, '[tabs.get] id is required'],
         JSON.stringify(where));
     }
+  });
+
+  it('a content script loads bundle resources into a web page: fetch, XHR, img and style sheet', async () => {
+    const probe = `(async () => {
+      const base = safari.extension.baseURI + 'Assets/extension/media/';
+      const loaded = (element) => new Promise((resolve) => {
+        element.onload = () => resolve(true);
+        element.onerror = () => resolve(false);
+      });
+      const image = document.createElement('img');
+      const imageLoaded = loaded(image);
+      image.src = base + 'dot.svg';
+      document.body.append(image);
+      const sheet = document.createElement('link');
+      const sheetLoaded = loaded(sheet);
+      sheet.rel = 'stylesheet';
+      sheet.href = base + 'probe.css';
+      document.head.append(sheet);
+      const styled = document.body.appendChild(document.createElement('p'));
+      styled.className = 'appex-probe';
+
+      const json = await fetch(base + 'data.json')
+        .then(async (r) => [r.status, r.headers.get('Content-Type'), await r.json()], (e) => e.message);
+      const text = await new Promise((resolve) => {
+        const request = new XMLHttpRequest();
+        request.open('GET', base + 'note.txt');
+        request.onload = () => resolve([request.status, request.getResponseHeader('Content-Type'), request.responseText]);
+        request.onerror = () => resolve('failed');
+        request.send();
+      });
+      const statuses = await Promise.all(['missing.txt', '..%2f..%2f..%2f..%2fInfo.plist', '../../../../Info.plist']
+        .map((path) => fetch(base + path).then((r) => r.status, (e) => e.message)));
+      const withCredentials = await fetch(base + 'note.txt', { credentials: 'include' }).then((r) => r.status, (e) => e.message);
+      return {
+        json,
+        text,
+        image: [await imageLoaded, image.naturalWidth, image.naturalHeight],
+        sheet: [await sheetLoaded, getComputedStyle(styled).color],
+        statuses,
+        withCredentials,
+      };
+    })()`;
+    assert.deepEqual(await host.call('eval', { in: 'tab', tab: 't1', code: probe }), {
+      json: [200, 'application/json', { from: 'bundle', n: [1, 2] }],
+      text: [200, 'text/plain', 'bundle text\n'],
+      // An SVG image decodes only when it is served as one.
+      image: [true, 3, 2],
+      sheet: [true, 'rgb(4, 5, 6)'],
+      // Readable failures, and nothing from outside the resources: the page
+      // resolves the plain dots itself, to the resources' top.
+      statuses: [404, 403, 404],
+      withCredentials: 200,
+    });
+  });
+
+  describe('httpRequest', () => {
+    // Refuses requests without a User-Agent, reports the one it got and the
+    // cookie sent, and sets a cookie on /login.
+    let server;
+    let origin;
+    before(async () => {
+      server = createServer((request, response) => {
+        const agent = request.headers['user-agent'];
+        if (!agent) {
+          response.writeHead(403).end('no user agent');
+          return;
+        }
+        if (request.url === '/login') response.setHeader('Set-Cookie', 'session=s3cret; Path=/; HttpOnly');
+        response.setHeader('Content-Type', 'application/json');
+        response.end(JSON.stringify({ agent, cookie: request.headers.cookie ?? null }));
+      });
+      await new Promise((resolve) => server.listen(0, '127.0.0.1', resolve));
+      origin = `http://127.0.0.1:${server.address().port}`;
+    });
+    after(() => {
+      server?.closeAllConnections();
+      server?.close();
+    });
+
+    const ask = (where, details) => host.call('eval', { ...where, code: `appex.httpRequest(${JSON.stringify(details)})` });
+
+    it('names the extension as User-Agent unless the caller sets one', async () => {
+      const { status, data } = await ask({ in: 'background' }, { url: `${origin}/who` });
+      assert.equal(status, 200);
+      assert.match(data.agent, /^appex\/\d+\.\d+\.\d+ libcurl\/\d+\.\d+\.\d+/);
+      const own = await ask({ in: 'background' }, { url: `${origin}/who`, headers: { 'User-Agent': 'probe/2' } });
+      assert.equal(own.data.agent, 'probe/2');
+    });
+
+    it('keeps the cookies a server sets for later requests from every part of the extension', async () => {
+      assert.equal((await ask({ in: 'background' }, { url: `${origin}/before` })).data.cookie, null);
+      await ask({ in: 'background' }, { url: `${origin}/login` });
+      assert.equal((await ask({ in: 'background' }, { url: `${origin}/after` })).data.cookie, 'session=s3cret');
+      assert.equal((await ask({ in: 'tab', tab: 't1' }, { url: `${origin}/after` })).data.cookie, 'session=s3cret');
+    });
   });
 });
