@@ -185,8 +185,23 @@
   // Endpoint: promise-style asks in both directions over one channel.
   // ---------------------------------------------------------------------
 
-  function makeUid() {
-    return 'ipcp_' + Date.now() + '_' + Math.round(Math.random() * 1000);
+  var UID_DRAWS = 1001; // the draw is 0..1000
+
+  // A uid "ipcp_<ms>_<n>" that `isTaken` does not report. The draw is
+  // random; when it hits a uid still in use (asks made in the same
+  // millisecond share the first part) the next free n is taken, and after
+  // a full millisecond's worth, the next millisecond. Two asks in flight
+  // never share a uid, or one would take the other's answer and the other
+  // would never settle.
+  function makeUid(isTaken) {
+    var ms = Date.now();
+    var n = Math.round(Math.random() * (UID_DRAWS - 1));
+    for (var tried = 1; ; tried++) {
+      var uid = 'ipcp_' + ms + '_' + n;
+      if (!isTaken(uid)) return uid;
+      n = (n + 1) % UID_DRAWS;
+      if (tried % UID_DRAWS === 0) ms += 1;
+    }
   }
 
   function quoted(value) {
@@ -248,7 +263,8 @@
     // Rejects with the decoded error of a failed answer, or on time-out; a
     // timeout of 0 (or none) means the endpoint's time-out.
     function ask(cmd, args, askTimeout) {
-      var uid = makeUid();
+      // Tombstones count as taken: their late answer is still due.
+      var uid = makeUid(function (candidate) { return cache.has(candidate); });
       var ms = askTimeout || timeout;
       var promise = new Promise(function (resolve, reject) {
         var entry = { resolve: resolve, reject: reject, timer: undefined };

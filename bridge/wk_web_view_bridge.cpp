@@ -5,6 +5,7 @@
 #include <boost/uuid/uuid_io.hpp>
 
 #include <cctype>
+#include <map>
 
 #include "bridge/bridge_script.h"
 #include "bridge/leak_avoider.h"
@@ -21,6 +22,17 @@ std::string newUid() {
   std::string text = boost::uuids::to_string(generate());
   for (char& c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   return text;
+}
+
+// Which bridge holds each web view's "Webview_Bridge" handler: the last one
+// made for it. A bridge withdraws the handler on destruction only while it
+// holds it, so that a bridge replaced on the same web view does not leave its
+// successor deaf. Entries go with their bridge. Main queue only.
+using HandlerHolders =
+    std::map<std::weak_ptr<WebView>, const WKWebViewBridge*, std::owner_less<>>;
+HandlerHolders& handlerHolders() {
+  static HandlerHolders holders;
+  return holders;
 }
 
 // Every script reaches the page this way: later, on the main queue, and
@@ -70,6 +82,7 @@ std::shared_ptr<WKWebViewBridge> WKWebViewBridge::create(std::string name,
   webView->setBoolPreference("allowFileAccessFromFileURLs", true);
   webView->addScriptMessageHandler(std::string(kHandlerName),
                                    LeakAvoider::callbackFor(bridge));
+  handlerHolders().insert_or_assign(std::weak_ptr<WebView>(webView), bridge.get());
   return bridge;
 }
 
@@ -77,6 +90,10 @@ WKWebViewBridge::WKWebViewBridge(std::string name, const std::shared_ptr<WebView
     : webView_(webView), name_(std::move(name)) {}
 
 WKWebViewBridge::~WKWebViewBridge() {
+  HandlerHolders& holders = handlerHolders();
+  auto it = holders.find(webView_);
+  if (it == holders.end() || it->second != this) return;  // a later bridge holds it
+  holders.erase(it);
   if (auto view = webView_.lock()) view->removeScriptMessageHandler(std::string(kHandlerName));
 }
 

@@ -18,7 +18,9 @@
 // and registers a LeakAvoider, so the web view does not keep the bridge
 // alive either; it is also the web view's (weakly held) navigation delegate.
 // Destroying the bridge removes the handler from a web view that still
-// exists and discards pending asks without calling their callbacks. Asks
+// exists, unless a later bridge for the same web view has registered its own
+// since (replacing a bridge leaves the page heard by the new one), and
+// discards pending asks without calling their callbacks. Asks
 // the page never answers stay pending for the bridge's life: there is no
 // native time-out.
 //

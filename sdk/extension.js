@@ -74,6 +74,24 @@
     return PREFIX + 'no listener answered "' + cmd + '"';
   }
 
+  // How a background or popup page answers a runtime message with a failure.
+  // The bridge would send the failure as an error object, which native code
+  // drops, handing the asker a null answer instead; so the page answers with
+  // this one-key dictionary, which native code carries as it is, and the
+  // asking side's sendMessage turns it back into the rejection.
+  var FAILURE_KEY = '__appexFailure';
+
+  function failureAnswer(text) {
+    var answer = {};
+    answer[FAILURE_KEY] = text;
+    return answer;
+  }
+
+  function failureIn(answer) {
+    if (!isDictionary(answer) || typeof answer[FAILURE_KEY] !== 'string') return null;
+    return Object.keys(answer).length === 1 ? answer[FAILURE_KEY] : null;
+  }
+
   // ---------------------------------------------------------------------
   // Listener lists.
   // ---------------------------------------------------------------------
@@ -258,7 +276,12 @@
       }
       var refused = refusal(context, address);
       if (refused) return Promise.reject(new Error(refused));
-      return send({ target: address, action: { cmd: cmd, args: envelope(payload) } }, options);
+      return send({ target: address, action: { cmd: cmd, args: envelope(payload) } }, options)
+        .then(function (answer) {
+          var failure = failureIn(answer);
+          if (failure !== null) throw new Error(failure);
+          return answer;
+        });
     }
 
     function sender(meta) {
@@ -450,10 +473,19 @@
       return waiting;
     }
 
+    // Every failure, a message nobody claims included, is answered as a
+    // failure answer (see failureAnswer).
     function claimAll(fn) {
+      function failed(e) { return failureAnswer(messageOf(e)); }
       return function (cmd, args) {
-        var result = fn(cmd, args);
-        return result === undefined ? Promise.reject(new Error(noAnswerText(cmd))) : result;
+        var result;
+        try {
+          result = fn(cmd, args);
+        } catch (e) {
+          return failed(e);
+        }
+        if (result === undefined) return failureAnswer(noAnswerText(cmd));
+        return Promise.resolve(result).then(undefined, failed);
       };
     }
 

@@ -94,6 +94,22 @@ describe('ask', () => {
     assert.deepEqual(Object.keys(posted[0]), ['channelName', 'uid', 'cmd', 'args', 'type']);
   });
 
+  it('never hands out a uid still pending or awaiting its late answer', async () => {
+    const math = Object.create(Math, { random: { value: () => 1 } });
+    const { bridge, posted, clock, fromNative } = load({ date: { now: () => 5 }, math });
+    const first = track(bridge.ask('a', undefined, 10));
+    clock.tick(10);  // times out: its uid waits for the late answer
+    const asks = Array.from({ length: 1002 }, (_, i) => track(bridge.ask('b', i)));
+    const uids = posted.map((m) => m.uid);
+    assert.deepEqual(uids.slice(0, 4), ['ipcp_5_1000', 'ipcp_5_0', 'ipcp_5_1', 'ipcp_5_2']);
+    assert.equal(new Set(uids).size, uids.length);
+    assert.deepEqual(uids.slice(-2), ['ipcp_6_1000', 'ipcp_6_0'], 'past a full millisecond, the next one');
+    for (const m of posted.slice(1).reverse()) fromNative({ type: 'ANSWER', uid: m.uid, data: m.args });
+    await settle();
+    assert.equal(first.status, 'rejected');
+    assert.deepEqual(asks.map((p) => p.value), asks.map((_, i) => i));
+  });
+
   it('passes given args through unchanged', () => {
     track(env.bridge.ask('storage.local.get', { keys: ['a'] }));
     assert.deepEqual(env.posted[0].args, { keys: ['a'] });

@@ -176,12 +176,22 @@ TEST_F(BridgeOnWebKitTest, HostileStringsRoundTripIntactBothWays) {
   EXPECT_EQ(reports.size(), 1u) << "nothing in the strings ran as script";
 }
 
-TEST_F(BridgeOnWebKitTest, DestroyingTheBridgeWithdrawsItsHandlerFromThePage) {
-  std::weak_ptr<WKWebViewBridge> weak = bridge;
+// The router makes a new bridge for a web view it already bridges (a popup
+// shown again): the old bridge's end must not take the page's handler from
+// the new one. The last bridge's end withdraws it.
+TEST_F(BridgeOnWebKitTest, AReplacedBridgeLeavesThePageToItsSuccessorAndTheLastWithdrawsIt) {
+  std::weak_ptr<WKWebViewBridge> first = bridge;
   bool called = false;
   bridge->ask("__default__", "nothing", std::nullopt, [&called](Result) { called = true; });
+  auto second = WKWebViewBridge::create("BG", web);
+  second->registerHandler("__default__", [](const Message& ask, IBridge::Reply reply) {
+    if (ask.cmd == "native.echo") reply(success(AnyValue("from the second bridge")));
+  });
+  bridge = std::move(second);
+  EXPECT_TRUE(first.expired()) << "neither the web view nor the loop keeps the bridge alive";
+  EXPECT_EQ(pageAsksNative("native.echo", AnyValue(1)), json(R"({"ok":"from the second bridge"})"));
+
   bridge.reset();
-  EXPECT_TRUE(weak.expired()) << "neither the web view nor the loop keeps the bridge alive";
   web->evaluateScript("report(typeof window.webkit.messageHandlers.Webview_Bridge);");
   ASSERT_TRUE(waitForReports(2));
   EXPECT_EQ(reports[1], AnyValue("undefined"));

@@ -180,21 +180,6 @@ describe('runtime messages', () => {
     assert.equal((await page.ask('other', { meta: {} })).data, 'fallback');
   });
 
-  it('fail with the listener\'s error, or when no listener claims them', async () => {
-    const page = createHostedPage({ preinjected: true });
-    const unregister = page.appex.runtime.onMessage((cmd) => {
-      if (cmd === 'throws') throw new Error('listener broke');
-      if (cmd === 'rejects') return Promise.reject(new Error('listener rejected'));
-      return undefined;
-    });
-    assert.equal((await page.ask('throws', { meta: {} })).err, 'listener broke');
-    assert.equal((await page.ask('rejects', { meta: {} })).err, 'listener rejected');
-    assert.equal((await page.ask('unknown', { meta: {} })).err, '[appex] no listener answered "unknown"');
-    unregister();
-    assert.equal(page.appex.runtime.onMessage.hasListeners(), false);
-    assert.equal((await page.ask('throws', { meta: {} })).err, '[appex] no listener answered "throws"');
-  });
-
   it('tell envelopes from bare asks and events', async () => {
     const page = createHostedPage({ preinjected: true });
     const messages = [];
@@ -213,20 +198,47 @@ describe('runtime messages', () => {
     assert.deepEqual(events, []);
   });
 
-  it('travel from a content script to the background page and back, with the tab as sender', async () => {
-    const tab = contentWorld();
-    const page = createHostedPage({ preinjected: true });
-    page.appex.runtime.onMessage((cmd, payload, sender) => ({ cmd, payload, from: sender.tabId }));
-
-    const reply = track(tab.frames[0].win.appex.runtime.sendMessage('background', 'hello', [1, 2]));
-    // The native side: fill the meta, ask the background page, answer the frame.
-    const ask = tab.asks('messaging')[0].message;
+  // A content script's message to the background page, and native code's
+  // part in it: fill the meta, ask the page, hand its answer to the frame.
+  async function fromContentToBackground(tab, page, cmd, payload) {
+    const reply = track(tab.frames[0].win.appex.runtime.sendMessage('background', cmd, payload));
+    const ask = tab.asks('messaging').at(-1).message;
     const { action } = ask.args;
     action.args.meta = { tabId: 'T9', tabUrl: url };
     const answer = await page.ask(action.cmd, action.args);
     tab.answer(ask, answer.err ? { err: answer.err } : { data: answer.data });
     await settle();
+    return reply;
+  }
+
+  it('travel from a content script to the background page and back, with the tab as sender', async () => {
+    const tab = contentWorld();
+    const page = createHostedPage({ preinjected: true });
+    page.appex.runtime.onMessage((cmd, payload, sender) => ({ cmd, payload, from: sender.tabId }));
+    const reply = await fromContentToBackground(tab, page, 'hello', [1, 2]);
     assert.deepEqual(reply.value, { cmd: 'hello', payload: [1, 2], from: 'T9' });
+  });
+
+  it('fail at the sender with the listener\'s error, or when no listener claims them', async () => {
+    const tab = contentWorld();
+    const page = createHostedPage({ preinjected: true });
+    const unregister = page.appex.runtime.onMessage((cmd) => {
+      if (cmd === 'throws') throw new Error('listener broke');
+      if (cmd === 'rejects') return Promise.reject(new Error('listener rejected'));
+      return undefined;
+    });
+    const failures = async (cmds) => {
+      const texts = [];
+      for (const cmd of cmds) {
+        const reply = await fromContentToBackground(tab, page, cmd);
+        texts.push(reply.status === 'rejected' ? reply.error.message : reply);
+      }
+      return texts;
+    };
+    assert.deepEqual(await failures(['throws', 'rejects', 'unknown']),
+      ['listener broke', 'listener rejected', '[appex] no listener answered "unknown"']);
+    unregister();
+    assert.deepEqual(await failures(['throws']), ['[appex] no listener answered "throws"']);
   });
 
   it('travel from the background page to a tab, answered by the top frame', async () => {

@@ -178,8 +178,9 @@ export function createHostedPage({
       err: err === undefined ? null : err, data: err === undefined ? data : null,
     }));
   };
-  // Native code asks the page; resolves with { err, data } of its answer
-  // (err as the text native code keeps of it), or undefined without one.
+  // Native code asks the page; resolves with { err, data } of its answer as
+  // native code keeps it (an "err" that is not text is dropped), or
+  // undefined without one.
   let nextUid = 1;
   page.ask = async (cmd, args) => {
     const uid = `native_${nextUid++}`;
@@ -188,8 +189,7 @@ export function createHostedPage({
       await settle();
       const answer = posted.find((m) => m.type === 'ANSWER' && m.uid === uid);
       if (answer) {
-        const err = answer.err && typeof answer.err === 'object' ? answer.err.message : answer.err;
-        return { err, data: answer.data };
+        return { err: typeof answer.err === 'string' ? answer.err : null, data: answer.data };
       }
     }
     return undefined;

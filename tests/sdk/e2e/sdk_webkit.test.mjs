@@ -11,7 +11,7 @@
 // is skipped.
 
 import assert from 'node:assert/strict';
-import { mkdtempSync, rmSync } from 'node:fs';
+import { cpSync, mkdtempSync, rmSync, writeFileSync } from 'node:fs';
 import { createServer } from 'node:http';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
@@ -30,35 +30,52 @@ function seenIn(host, part) {
   return host.call('eval', { ...where, code: 'window.seen' });
 }
 
-describe('the SDK on WebKit', { skip: configured ? false : 'run through ctest (sdk_e2e)' }, () => {
+// Runs `extension` with the site's index.html open in tab t1, its data
+// under `scratch`.
+async function start(extension, scratch) {
+  const host = new Host(['run', extension, '--control', '--serve', site, '--data-dir', join(scratch, 'data'),
+    '--open', 'index.html']);
+  await host.waitFor('ready', {}, { timeoutMs: 30_000 });
+  await host.waitFor('tabOpened', { tab: 't1' });
+  return host;
+}
+
+async function stop(host) {
+  if (!host) return;
+  host.closeInput();
+  await host.exit(10_000);
+  host.kill();
+}
+
+// What the probe's content script heard back from the background page.
+function contentHeard(host) {
+  return host.until(async () => {
+    const s = await seenIn(host, 't1');
+    return s && s.answers.length + s.failures.length > 0 ? s : null;
+  }, 15_000, 'the content script to hear from the background page');
+}
+
+const skip = configured ? false : 'run through ctest (sdk_e2e)';
+
+describe('the SDK on WebKit', { skip }, () => {
   let host;
   let scratch;
   let pageUrl;
 
   before(async () => {
     scratch = mkdtempSync(join(tmpdir(), 'appex-sdk-e2e-'));
-    host = new Host(['run', bundle, '--control', '--serve', site, '--data-dir', join(scratch, 'data'),
-      '--open', 'index.html']);
-    await host.waitFor('ready', {}, { timeoutMs: 30_000 });
-    await host.waitFor('tabOpened', { tab: 't1' });
+    host = await start(bundle, scratch);
     pageUrl = (await host.call('listTabs'))[0].url;
     assert.match(pageUrl, /^http:\/\/127\.0\.0\.1:\d+\/index\.html$/);
   });
 
   after(async () => {
-    if (host) {
-      host.closeInput();
-      await host.exit(10_000);
-      host.kill();
-    }
+    await stop(host);
     if (scratch) rmSync(scratch, { recursive: true, force: true });
   });
 
   it('a content script\'s sendMessage("background") resolves with the background page\'s answer', async () => {
-    const seen = await host.until(async () => {
-      const s = await seenIn(host, 't1');
-      return s && s.answers.length + s.failures.length > 0 ? s : null;
-    }, 15_000, 'the content script to hear from the background page');
+    const seen = await contentHeard(host);
     assert.deepEqual(seen.failures, []);
     // The answer is the listener's promise settled, after its own API call.
     assert.deepEqual(seen.answers, [{ reply: 'hi probe', tabUrl: pageUrl }]);
@@ -71,6 +88,28 @@ describe('the SDK on WebKit', { skip: configured ? false : 'run through ctest (s
     assert.equal(message.sender.tabUrl, pageUrl);
     const [tab] = await host.call('eval', { code: 'appex.tabs.query({})' });
     assert.equal(message.sender.tabId, tab.id);
+  });
+
+  it('asks made together in one millisecond each settle with their own answer', async () => {
+    // More asks than a millisecond has uids ("ipcp_<ms>_<0..1000>"), all
+    // made while the clock stands still; each one's answer names its key.
+    const code = `(() => {
+      const now = Date.now;
+      Date.now = () => 1700000000000;
+      let asks;
+      try {
+        asks = Array.from({ length: 1100 }, (_, i) => appex.storage.local.get('k' + i));
+      } finally {
+        Date.now = now;
+      }
+      const heard = asks.map(() => 'unsettled');
+      asks.forEach((ask, i) => ask.then((v) => { heard[i] = v; }, (e) => { heard[i] = e.message; }));
+      const wrong = () => heard.flatMap((v, i) => (JSON.stringify(v) === '{"k' + i + '":null}' ? [] : [[i, v]]));
+      // Past the asks' own 5000 ms time-out, only an ask left behind is pending.
+      const limit = new Promise((resolve) => setTimeout(resolve, 6000));
+      return Promise.race([Promise.allSettled(asks), limit]).then(() => wrong().slice(0, 3));
+    })()`;
+    assert.deepEqual(await host.call('eval', { code }), []);
   });
 
   it('tabs.query in the background page describes the open tab and filters', async () => {
@@ -236,4 +275,35 @@ describe('the SDK on WebKit', { skip: configured ? false : 'run through ctest (s
       assert.equal((await ask({ in: 'tab', tab: 't1' }, { url: `${origin}/after` })).data.cookie, 'session=s3cret');
     });
   });
+});
+
+// A background page that never installs its listener: the content script's
+// message fails as documented, instead of resolving.
+describe('the SDK on WebKit, with a broken background page', { skip }, () => {
+  let scratch;
+  before(() => { scratch = mkdtempSync(join(tmpdir(), 'appex-sdk-e2e-broken-')); });
+  after(() => { if (scratch) rmSync(scratch, { recursive: true, force: true }); });
+
+  const script = (extension) => join(extension, 'Contents/Resources/Assets/extension/background.js');
+  const breakages = [
+    ['its script throws at load', (extension) => writeFileSync(script(extension), "throw new Error('broken');\n")],
+    ['its script src names a missing file', (extension) => rmSync(script(extension))],
+  ];
+  for (const [index, [label, breakIt]] of breakages.entries()) {
+    it(`a content script's sendMessage("background") rejects when ${label}`, async () => {
+      const dir = join(scratch, String(index));
+      const extension = join(dir, 'SDK.appex');
+      cpSync(bundle, extension, { recursive: true });
+      breakIt(extension);
+      let host;
+      try {
+        host = await start(extension, dir);
+        const seen = await contentHeard(host);
+        assert.deepEqual(seen.answers, []);
+        assert.deepEqual(seen.failures, ['[appex] no listener answered "hello"']);
+      } finally {
+        await stop(host);
+      }
+    });
+  }
 });
