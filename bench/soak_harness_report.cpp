@@ -50,19 +50,13 @@ Harness::Checkpoint Harness::checkpoint(bool last) {
     return n;
   });
   c.withoutParked = measureMemory();
-  auto dropClosed = [](auto& list) {
-    return list.mutatingSync([](auto& elements) {
-      auto& v = elements.write();
-      const std::size_t before = v.size();
-      std::erase_if(v, [](const auto& entry) { return entry.key.expired(); });
-      v.shrink_to_fit();
-      return before - v.size();
-    });
+  auto dropClosed = [](auto& cache) {
+    return cache.removeWhere([](const auto& entry) { return entry.key.expired(); });
   };
   if (last) {
-    c.closedTabs = dropClosed(tabs_->tabCache().list());
+    c.closedTabs = dropClosed(tabs_->tabCache());
     c.withoutClosedTabs = measureMemory();
-    c.closedPages = dropClosed(tabs_->pageCache().list());
+    c.closedPages = dropClosed(tabs_->pageCache());
     c.withoutClosed = measureMemory();
   } else {
     c.closedTabs = deadTabEntries();
