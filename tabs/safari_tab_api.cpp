@@ -343,7 +343,12 @@ void SafariTabAPI::sendToTab(const std::string& tabId, const std::optional<std::
     reply(failure("Tab not found for id " + tabId));
     return;
   }
-  auto tab = state->tab().ref();
+  sendToTab(*state, pageId, std::move(cmd), std::move(args), std::move(reply));
+}
+
+void SafariTabAPI::sendToTab(const TabState& state, const std::optional<std::string>& pageId, std::string cmd,
+                             std::optional<AnyValue> args, ResultCallback reply) {
+  auto tab = state.tab().ref();
   // A closed tab has no page left to answer: its reply could never run, so
   // it is not parked (the asker's own time-out ends the wait, as before).
   // Parking it would only grow the table by one entry per ask to every

@@ -124,6 +124,10 @@ class SafariTabAPI : public std::enable_shared_from_this<SafariTabAPI> {
   // + id; a page id that matches no page sends nothing.
   void sendToTab(const std::string& tabId, const std::optional<std::string>& pageId,
                  std::string cmd, std::optional<AnyValue> args, ResultCallback reply);
+  // sendToTab to the tab of a snapshot already read from tabCache (no
+  // lookup by id).
+  void sendToTab(const TabState& state, const std::optional<std::string>& pageId, std::string cmd,
+                 std::optional<AnyValue> args, ResultCallback reply);
 
   // Sends `userInfo` under kMessageName to each page, in order.
   void dispatchToPages(const std::vector<std::shared_ptr<SFSafariPage>>& pages,
