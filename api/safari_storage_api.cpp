@@ -43,22 +43,32 @@ Dictionary SafariStorageAPI::get(const std::vector<std::string>& keys) const {
   return out;
 }
 
+// set and remove write all their keys as one durable change. Each key's
+// old value is what it held before this command's earlier keys, as if they
+// had been written one by one: a key named twice reports the first write as
+// the second's old value.
 void SafariStorageAPI::set(const std::vector<std::pair<std::string, std::string>>& items) {
   Dictionary changes;
+  std::vector<std::pair<std::string, AnyValue>> writes;
+  writes.reserve(items.size());
   for (const auto& [key, value] : items) {
-    const AnyValue newValue = boost::json::string(value);
-    changes.insert_or_assign(key, changeRecord(stringOrNull(defaults_->stringForKey(key)), newValue));
-    if (auto r = defaults_->setObject(key, newValue); !r) reportFailure("set", r.error());
+    AnyValue newValue = boost::json::string(value);
+    auto* earlier = changes.if_contains(key);
+    AnyValue oldValue = earlier ? earlier->as_object().at("newValue") : stringOrNull(defaults_->stringForKey(key));
+    changes.insert_or_assign(key, changeRecord(std::move(oldValue), newValue));
+    writes.emplace_back(key, std::move(newValue));
   }
+  if (auto r = defaults_->setObjects(writes); !r) reportFailure("set", r.error());
   emitter_->fire("change", EventPayload::json(std::move(changes)));
 }
 
 void SafariStorageAPI::remove(const std::vector<std::string>& keys) {
   Dictionary changes;
   for (const auto& key : keys) {
-    changes.insert_or_assign(key, changeRecord(stringOrNull(defaults_->stringForKey(key)), nullptr));
-    if (auto r = defaults_->removeObject(key); !r) reportFailure("remove", r.error());
+    AnyValue oldValue = changes.contains(key) ? AnyValue(nullptr) : stringOrNull(defaults_->stringForKey(key));
+    changes.insert_or_assign(key, changeRecord(std::move(oldValue), nullptr));
   }
+  if (auto r = defaults_->removeObjects(keys); !r) reportFailure("remove", r.error());
   emitter_->fire("change", EventPayload::json(std::move(changes)));
 }
 

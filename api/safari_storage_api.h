@@ -46,10 +46,13 @@ class SafariStorageAPI {
   // Keys given twice appear once.
   Dictionary get(const std::vector<std::string>& keys) const;
 
-  // Stores each pair in order, recording each key's old and new value.
+  // Stores each pair in order, recording each key's old and new value, as
+  // one durable change (all pairs or none): a success has reached the disk
+  // when this returns.
   void set(const std::vector<std::pair<std::string, std::string>>& items);
 
-  // Removes each key in order; keys that held nothing are reported too.
+  // Removes each key in order, as one durable change; keys that held
+  // nothing are reported too.
   void remove(const std::vector<std::string>& keys);
 
   // Drops the whole persistent domain. The event names every key the

@@ -14,6 +14,11 @@ void RatioReporter::ReportRuns(const std::vector<Run>& runs) {
   ConsoleReporter::ReportRuns(runs);
 }
 
+double RatioReporter::nsPerOp(const std::string& name) const {
+  auto found = nsPerOp_.find(name);
+  return found == nsPerOp_.end() ? 0 : found->second;
+}
+
 bool RatioReporter::PrintTable(std::ostream& out) const {
   bool ok = true;
   out << "\n" << std::left << std::setw(52) << "case" << std::right << std::setw(12) << "ns/op"

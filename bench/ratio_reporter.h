@@ -24,6 +24,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run>& runs) override;
   // Prints the table; returns false if a target was missed.
   bool PrintTable(std::ostream& out) const;
+  // The measured time per iteration of a run, in ns; 0 when it did not run.
+  double nsPerOp(const std::string& name) const;
 
  private:
   std::vector<Comparison> rows_;

@@ -94,10 +94,12 @@ class Harness {
   static std::size_t extraCapacity(const Options& o) {
     const std::size_t slots = o.windows * o.tabsPerWindow;
     // Each closing opens a tab (one VALIDATE_TAB) and may send five asks
-    // under the closing; every tab is renewed before each checkpoint.
+    // under the closing; every tab is opened once (a VALIDATE_TAB) and
+    // renewed before each of the two checkpoints (a tabs.remove and a
+    // VALIDATE_TAB each, and the asks under that closing).
     const std::size_t closings =
         o.asks / std::max<std::size_t>(o.closeEvery, 1) + o.asks / std::max<std::size_t>(o.browserCloseEvery, 1);
-    return 3 * slots + 6 * closings + 1024;
+    return 6 * slots + 6 * closings + 1024;
   }
 
   // soak_harness.cpp: setting up and running.
@@ -149,6 +151,8 @@ class Harness {
     Memory withoutClosedTabs;     // once the closed tabs' entries are dropped too (last checkpoint only)
     Memory withoutClosed;         // and the gone pages' entries
     std::size_t recorded = 0;     // messages the simulated pages keep
+    std::size_t indexLookups = 0;     // entries of the tab and page caches looked up through their indexes
+    std::size_t indexMismatches = 0;  // those that found another entry than a walk of the list finds
   };
   Checkpoint checkpoint(bool last);
   int report(const Checkpoint& warm, const Checkpoint& end, bool measured);

@@ -20,6 +20,40 @@ std::size_t Harness::deadTabEntries() {
   return dead;
 }
 
+namespace {
+
+// Looks every entry of `cache` up through its indexes, by key and by its
+// value's identifier, and counts the answers that differ from what a walk
+// of the list from the front finds. Adds the lookups made to `lookups`.
+// REQUIRES: nothing writes to the cache meanwhile.
+template <class Cache, class IdOf>
+std::size_t indexMismatches(const Cache& cache, IdOf idOf, std::size_t& lookups) {
+  const auto snapshot = cache.list().snapshot();
+  const auto& entries = *snapshot;
+  std::size_t wrong = 0;
+  for (const auto& entry : entries) {
+    const auto id = idOf(entry.value);
+    std::ptrdiff_t byId = -1, byKey = -1;
+    const auto key = entry.key.ref();
+    for (std::size_t j = 0; j < entries.size() && (byId < 0 || (key && byKey < 0)); ++j) {
+      if (byId < 0 && idOf(entries[j].value) == id) byId = static_cast<std::ptrdiff_t>(j);
+      if (key && byKey < 0) {
+        if (auto other = entries[j].key.ref(); other && other->isEqual(*key)) byKey = static_cast<std::ptrdiff_t>(j);
+      }
+    }
+    auto found = cache.findById(id);
+    wrong += (found ? found->position : -1) != byId;
+    ++lookups;
+    if (key) {
+      wrong += cache.indexOf(entry.key) != byKey;
+      ++lookups;
+    }
+  }
+  return wrong;
+}
+
+}  // namespace
+
 std::size_t Harness::recordedPageMessages() {
   std::size_t n = 0;
   for (auto& slot : slots_) {
@@ -43,6 +77,9 @@ std::size_t Harness::recordedPageMessages() {
 Harness::Checkpoint Harness::checkpoint(bool last) {
   Checkpoint c;
   c.recorded = recordedPageMessages();
+  c.indexMismatches =
+      indexMismatches(tabs_->tabCache(), [](const auto& state) { return state->id(); }, c.indexLookups) +
+      indexMismatches(tabs_->pageCache(), [](const auto& record) { return record.id; }, c.indexLookups);
   c.memory = measureMemory();
   c.parked = tabs_->callbacks().mutatingSync([](auto& pending) {
     const std::size_t n = pending.size();
@@ -50,19 +87,13 @@ Harness::Checkpoint Harness::checkpoint(bool last) {
     return n;
   });
   c.withoutParked = measureMemory();
-  auto dropClosed = [](auto& list) {
-    return list.mutatingSync([](auto& elements) {
-      auto& v = elements.write();
-      const std::size_t before = v.size();
-      std::erase_if(v, [](const auto& entry) { return entry.key.expired(); });
-      v.shrink_to_fit();
-      return before - v.size();
-    });
+  auto dropClosed = [](auto& cache) {
+    return cache.removeWhere([](const auto& entry) { return entry.key.expired(); });
   };
   if (last) {
-    c.closedTabs = dropClosed(tabs_->tabCache().list());
+    c.closedTabs = dropClosed(tabs_->tabCache());
     c.withoutClosedTabs = measureMemory();
-    c.closedPages = dropClosed(tabs_->pageCache().list());
+    c.closedPages = dropClosed(tabs_->pageCache());
     c.withoutClosed = measureMemory();
   } else {
     c.closedTabs = deadTabEntries();
@@ -132,6 +163,11 @@ int Harness::report(const Checkpoint& warm, const Checkpoint& end, bool measured
   require(updateOpen == 0,
           std::to_string(updateOpen) + " tabs.update answers naming another tab than an open one asked for");
   require(strayPageMessages_ == 0, std::to_string(strayPageMessages_.load()) + " unexpected messages in pages");
+  std::printf("cache indexes: %zu lookups checked against the lists at the two checkpoints, %zu disagreed\n",
+              warm.indexLookups + end.indexLookups, warm.indexMismatches + end.indexMismatches);
+  require(warm.indexMismatches + end.indexMismatches == 0,
+          std::to_string(warm.indexMismatches + end.indexMismatches) +
+              " lookups through the tab and page caches' indexes found another entry than the lists hold");
 
   // Every refusal writes its line once; a refused ask from a tab that
   // closed meanwhile may never have reached the router.

@@ -2,7 +2,7 @@
 //
 // Every operation is one trip through the object's queue. Reads (`at`,
 // `count`, `unthreaded`, `enumerated`) wait; writes (`append`, `set`, the
-// removals) return before they are applied, in submission order, and a read
+// removals but `removeAll`) return before they are applied, in submission order, and a read
 // submitted after them from the same thread sees them.
 //
 // A removal may hand the removed element to a callback; that callback runs
@@ -21,9 +21,15 @@
 // reference-count increment, whatever the size), and the next write copies
 // them only while a snapshot is still held.
 //
+// An optional `Index` lives beside the elements on the same queue and is
+// told of every change as it is made (see CowVector); readers reach it with
+// `sync`, so an index read and the elements read in one `sync` always
+// agree. KeyValueSet keeps its hash indexes this way.
+//
 // Thread-safe.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdio>
@@ -84,48 +90,91 @@ class SharedElements {
   Block* block_;
 };
 
-// The stored value of a ThreadedArray.
+// What a plain ThreadedArray keeps beside its elements: nothing.
 template <class T>
+struct NoIndex {
+  void appended(const std::vector<T>&) {}
+  void replaced(const std::vector<T>&, std::size_t) {}
+  void removed(const std::vector<T>&, std::size_t) {}
+  void rebuilt(const std::vector<T>&) {}
+};
+
+// The stored value of a ThreadedArray: the elements and an `Index` kept in
+// step with them. Every change goes through the members below, which tell
+// the index what changed (after the change: appended(v), replaced(v, i),
+// removed(v, i), rebuilt(v)), so the index always mirrors the elements of
+// the same queue turn.
+template <class T, class Index = NoIndex<T>>
 class CowVector {
  public:
   CowVector() = default;
-  explicit CowVector(std::vector<T> v) : elements_(std::move(v)) {}
+  explicit CowVector(std::vector<T> v, Index index = Index()) : elements_(std::move(v)), index_(std::move(index)) {
+    index_.rebuilt(*elements_);
+  }
 
   const std::vector<T>& read() const { return *elements_; }
   SharedElements<T> share() const { return elements_; }
-  // REQUIRES: called with exclusive access (a barrier on the owning queue).
-  std::vector<T>& write() { return elements_.mutableElements(); }
+  const Index& index() const { return index_; }
+
+  // REQUIRES for every writer below: exclusive access (a barrier on the
+  // owning queue).
+  void push(T element) {
+    auto& v = elements_.mutableElements();
+    v.push_back(std::move(element));
+    index_.appended(v);
+  }
+  void replace(std::size_t i, T element) {
+    auto& v = elements_.mutableElements();
+    v[i] = std::move(element);
+    index_.replaced(v, i);
+  }
+  T erase(std::size_t i) {
+    auto& v = elements_.mutableElements();
+    T removed = std::move(v[i]);
+    v.erase(v.begin() + static_cast<std::ptrdiff_t>(i));
+    index_.removed(v, i);
+    return removed;
+  }
+  template <class Pred>
+  std::size_t eraseIf(Pred& pred) {
+    if (std::none_of(read().begin(), read().end(), [&](const T& e) { return pred(e); })) return 0;
+    auto& v = elements_.mutableElements();
+    const std::size_t n = std::erase_if(v, [&](const T& e) { return pred(e); });
+    index_.rebuilt(v);
+    return n;
+  }
 
  private:
   SharedElements<T> elements_;
+  Index index_;
 };
 
-template <class T>
-class ThreadedArray : public ThreadedObject<CowVector<T>> {
+template <class T, class Index = NoIndex<T>>
+class ThreadedArray : public ThreadedObject<CowVector<T, Index>> {
  public:
   using Vector = std::vector<T>;
-  using Base = ThreadedObject<CowVector<T>>;
+  using Store = CowVector<T, Index>;
+  using Base = ThreadedObject<Store>;
   using Snapshot = SharedElements<T>;
   // Receives a removed element on the main queue; called at most once.
   using RemovalCallback = std::move_only_function<void(T)>;
 
-  ThreadedArray() : Base(CowVector<T>(), ThreadingType::concurrent) {}
-  explicit ThreadedArray(Vector initial, ThreadingType type = ThreadingType::concurrent)
-      : Base(CowVector<T>(std::move(initial)), type) {}
+  ThreadedArray() : Base(Store(), ThreadingType::concurrent) {}
+  explicit ThreadedArray(Vector initial, ThreadingType type = ThreadingType::concurrent, Index index = Index())
+      : Base(Store(std::move(initial), std::move(index)), type) {}
 
   void append(T element) {
-    this->async([e = std::move(element)](CowVector<T>& v) mutable { v.write().push_back(std::move(e)); });
+    this->async([e = std::move(element)](Store& c) mutable { c.push(std::move(e)); });
   }
 
   void append(Vector elements) {
-    this->async([es = std::move(elements)](CowVector<T>& c) mutable {
-      auto& v = c.write();
-      for (auto& e : es) v.push_back(std::move(e));
+    this->async([es = std::move(elements)](Store& c) mutable {
+      for (auto& e : es) c.push(std::move(e));
     });
   }
 
   T at(std::ptrdiff_t i) const {
-    return this->sync([i](const CowVector<T>& c) -> T {
+    return this->sync([i](const Store& c) -> T {
       const auto& v = c.read();
       check(i, v.size());
       return v[static_cast<std::size_t>(i)];
@@ -133,10 +182,9 @@ class ThreadedArray : public ThreadedObject<CowVector<T>> {
   }
 
   void set(std::ptrdiff_t i, T element) {
-    this->async([i, e = std::move(element)](CowVector<T>& c) mutable {
-      auto& v = c.write();
-      check(i, v.size());
-      v[static_cast<std::size_t>(i)] = std::move(e);
+    this->async([i, e = std::move(element)](Store& c) mutable {
+      check(i, c.read().size());
+      c.replace(static_cast<std::size_t>(i), std::move(e));
     });
   }
 
@@ -150,10 +198,16 @@ class ThreadedArray : public ThreadedObject<CowVector<T>> {
     removeWith([](const Vector& v) { return static_cast<std::ptrdiff_t>(v.size()) - 1; },
                std::move(callback));
   }
+  // Removes every element for which pred(element) holds, in one exclusive
+  // turn, and returns how many went; waits. `pred` runs on the queue.
+  template <class Pred>
+  std::size_t removeAll(Pred pred) {
+    return this->mutatingSync([&](Store& c) { return c.eraseIf(pred); });
+  }
 
   // The elements as they are now, shared rather than copied.
   Snapshot snapshot() const {
-    return this->sync([](const CowVector<T>& c) { return c.share(); });
+    return this->sync([](const Store& c) { return c.share(); });
   }
 
   Vector unthreaded() const { return *snapshot(); }
@@ -171,10 +225,10 @@ class ThreadedArray : public ThreadedObject<CowVector<T>> {
 
   std::ptrdiff_t startIndex() const { return 0; }
   std::ptrdiff_t endIndex() const {
-    return this->sync([](const CowVector<T>& c) { return static_cast<std::ptrdiff_t>(c.read().size()); });
+    return this->sync([](const Store& c) { return static_cast<std::ptrdiff_t>(c.read().size()); });
   }
   std::size_t count() const {
-    return this->sync([](const CowVector<T>& c) { return c.read().size(); });
+    return this->sync([](const Store& c) { return c.read().size(); });
   }
 
  private:
@@ -184,12 +238,10 @@ class ThreadedArray : public ThreadedObject<CowVector<T>> {
 
   template <class Pick>
   void removeWith(Pick pick, RemovalCallback callback) {
-    this->async([pick, cb = std::move(callback)](CowVector<T>& c) mutable {
+    this->async([pick, cb = std::move(callback)](Store& c) mutable {
       const std::ptrdiff_t i = pick(c.read());
       check(i, c.read().size());
-      auto& v = c.write();
-      T removed = std::move(v[static_cast<std::size_t>(i)]);
-      v.erase(v.begin() + i);
+      T removed = c.erase(static_cast<std::size_t>(i));
       if (cb) {
         MainQueue::shared().post(
             [cb = std::move(cb), removed = std::move(removed)]() mutable { cb(std::move(removed)); });

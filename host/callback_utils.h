@@ -18,7 +18,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -39,28 +38,35 @@ class CallbackUtils {
       final({});
       return [](std::size_t index, R) { outOfRange(index, 0); };
     }
+    // `remaining` counts the indexes yet to answer for the first time, so
+    // each step costs O(1) however many there are; once it reaches 0 every
+    // answer (a repeat included) runs `final` with the latest results.
     struct State {
       std::mutex mutex;
       std::vector<bool> done;
-      std::map<std::size_t, R> results;
+      std::size_t remaining;
+      std::vector<std::optional<R>> results;
       Final<R> final;
     };
     auto state = std::make_shared<State>();
     state->done.assign(n, false);
+    state->remaining = n;
+    state->results.resize(n);
     state->final = std::move(final);
     return [state, n](std::size_t index, R result) {
       if (index >= n) outOfRange(index, n);
       std::optional<std::vector<R>> ready;
       {
         std::lock_guard lock(state->mutex);
-        state->done[index] = true;
-        state->results.insert_or_assign(index, std::move(result));
-        for (bool d : state->done) {
-          if (!d) return;
+        if (!state->done[index]) {
+          state->done[index] = true;
+          --state->remaining;
         }
+        state->results[index] = std::move(result);
+        if (state->remaining != 0) return;
         std::vector<R> list;
         list.reserve(n);
-        for (std::size_t i = 0; i < n; ++i) list.push_back(state->results.at(i));
+        for (std::size_t i = 0; i < n; ++i) list.push_back(*state->results[i]);
         ready = std::move(list);
       }
       state->final(std::move(*ready));

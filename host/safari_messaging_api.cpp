@@ -205,7 +205,7 @@ void SafariMessagingAPI::bindEventsForBackground() {
         // drop it at once, and writers could then change the elements read.
         const auto known = tabs->tabCache().list().snapshot();
         for (const auto& entry : *known) {
-          tabs->sendToTab(entry.value->id(), std::nullopt, cmd, payload.value, ignoreResult);
+          tabs->sendToTab(*entry.value, std::nullopt, cmd, payload.value, ignoreResult);
         }
       }));
 }

@@ -24,7 +24,8 @@ class ImageLoader {
  public:
   virtual ~ImageLoader() = default;
 
-  // The decoding loader (GdkPixbuf for bitmaps and SVG, poppler for PDF).
+  // The decoding loader (GdkPixbuf for bitmaps and SVG, poppler for PDF),
+  // which decodes each file once while it is unchanged.
   static std::shared_ptr<ImageLoader> create(Context& context);
 
   virtual std::optional<ToolbarImage> load(const std::string& path) = 0;

@@ -9,6 +9,7 @@
 // Thread-safe.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -39,6 +40,11 @@ class SFSafariPage {
 
   // True when both handles denote the same browser page.
   virtual bool isEqual(const SFSafariPage& other) const = 0;
+  // A hash that agrees with isEqual: pages it calls equal hash alike, so
+  // registries can find a page without comparing it with every other. The
+  // default hashes the handle's address, which agrees with an isEqual that
+  // compares identity; a browser whose isEqual does not must override it.
+  virtual std::size_t hash() const { return std::hash<const void*>{}(this); }
   // A short text naming the page, for log lines only.
   virtual std::string description() const = 0;
 };

@@ -10,6 +10,7 @@
 // Thread-safe.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -47,6 +48,11 @@ class SFSafariTab {
 
   // True when both handles denote the same browser tab.
   virtual bool isEqual(const SFSafariTab& other) const = 0;
+  // A hash that agrees with isEqual: tabs it calls equal hash alike, so
+  // registries can find a tab without comparing it with every other. The
+  // default hashes the handle's address, which agrees with an isEqual that
+  // compares identity; a browser whose isEqual does not must override it.
+  virtual std::size_t hash() const { return std::hash<const void*>{}(this); }
   // A short text naming the tab, for log lines only.
   virtual std::string description() const = 0;
 };

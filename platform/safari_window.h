@@ -10,6 +10,7 @@
 // Thread-safe.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -45,6 +46,11 @@ class SFSafariWindow {
 
   // True when both handles denote the same browser window.
   virtual bool isEqual(const SFSafariWindow& other) const = 0;
+  // A hash that agrees with isEqual: windows it calls equal hash alike, so
+  // registries can find a window without comparing it with every other. The
+  // default hashes the handle's address, which agrees with an isEqual that
+  // compares identity; a browser whose isEqual does not must override it.
+  virtual std::size_t hash() const { return std::hash<const void*>{}(this); }
   // A short text naming the window, for log lines only.
   virtual std::string description() const = 0;
 };

@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <system_error>
+#include <vector>
 
 #include "core/log.h"
 #include "host/json.h"
@@ -220,6 +221,21 @@ std::expected<void, std::string> SqliteUserDefaults::runWrite(sqlite3_stmt* stat
   return result;
 }
 
+std::expected<void, std::string> SqliteUserDefaults::failure(const char* what) const {
+  return std::unexpected("user defaults " + file_.string() + ": " + what + " failed (" + sqlite3_errmsg(db_) + ")");
+}
+
+template <class Writes>
+std::expected<void, std::string> SqliteUserDefaults::inTransaction(Writes writes) {
+  if (sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) return failure("begin");
+  std::expected<void, std::string> result = writes();
+  if (result && sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) result = failure("commit");
+  // A failed write or commit leaves the transaction open (or SQLite has
+  // already ended it); either way nothing of it stays.
+  if (!result && !sqlite3_get_autocommit(db_)) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+  return result;
+}
+
 std::optional<std::string> SqliteUserDefaults::stringForKey(std::string_view key) {
   std::shared_lock lock(valuesMutex_);
   auto it = values_.find(key);
@@ -242,6 +258,40 @@ std::expected<void, std::string> SqliteUserDefaults::removeObject(std::string_vi
   if (auto r = runWrite(remove_, key, {}); !r) return r;
   std::unique_lock lock(valuesMutex_);
   if (auto it = values_.find(key); it != values_.end()) values_.erase(it);
+  return {};
+}
+
+std::expected<void, std::string> SqliteUserDefaults::setObjects(
+    std::span<const std::pair<std::string, AnyValue>> items) {
+  std::vector<std::string> texts;
+  texts.reserve(items.size());
+  for (const auto& [key, value] : items) texts.push_back(boost::json::serialize(value));
+  std::lock_guard write(writeMutex_);
+  auto r = inTransaction([&]() -> std::expected<void, std::string> {
+    for (std::size_t i = 0; i < items.size(); ++i) {
+      if (auto w = runWrite(upsert_, items[i].first, texts[i]); !w) return w;
+    }
+    return {};
+  });
+  if (!r) return r;
+  std::unique_lock lock(valuesMutex_);
+  for (const auto& [key, value] : items) values_.insert_or_assign(key, value);
+  return {};
+}
+
+std::expected<void, std::string> SqliteUserDefaults::removeObjects(std::span<const std::string> keys) {
+  std::lock_guard write(writeMutex_);
+  auto r = inTransaction([&]() -> std::expected<void, std::string> {
+    for (const auto& key : keys) {
+      if (auto w = runWrite(remove_, key, {}); !w) return w;
+    }
+    return {};
+  });
+  if (!r) return r;
+  std::unique_lock lock(valuesMutex_);
+  for (const auto& key : keys) {
+    if (auto it = values_.find(key); it != values_.end()) values_.erase(it);
+  }
   return {};
 }
 

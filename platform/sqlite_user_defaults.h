@@ -2,9 +2,10 @@
 // (the extension's bundle identifier), "<data folder>/<domain>.sqlite".
 //
 // Table `defaults` (key TEXT PRIMARY KEY, value TEXT holding the value as
-// JSON). The database runs in WAL mode with synchronous=FULL and every write
-// is its own transaction, so a write that returned success survives a crash
-// of the process or the machine. All values are also held in memory: reads
+// JSON). The database runs in WAL mode with synchronous=FULL and every call
+// that writes is one transaction (a batch of keys included: all of it or
+// none of it), so a write that returned success survives a crash of the
+// process or the machine, at the cost of one sync per call. All values are also held in memory: reads
 // never touch the database. A store that cannot be opened, or whose file is
 // not a sound database, is reported by `open` and the file is left exactly as
 // it was (nothing here ever deletes a database file).
@@ -55,6 +56,8 @@ class SqliteUserDefaults final : public UserDefaults {
   std::optional<std::string> stringForKey(std::string_view key) override;
   std::expected<void, std::string> setObject(std::string_view key, const AnyValue& value) override;
   std::expected<void, std::string> removeObject(std::string_view key) override;
+  std::expected<void, std::string> setObjects(std::span<const std::pair<std::string, AnyValue>> items) override;
+  std::expected<void, std::string> removeObjects(std::span<const std::string> keys) override;
   Dictionary dictionaryRepresentation() override;
   std::expected<void, std::string> removePersistentDomain(std::string_view name) override;
   // Copies the write-ahead log into the database file (passive checkpoint).
@@ -74,6 +77,11 @@ class SqliteUserDefaults final : public UserDefaults {
   // writeMutex_.
   std::expected<void, std::string> runWrite(sqlite3_stmt* statement, std::string_view first,
                                              std::string_view second);
+  // Runs `writes` (each a runWrite) in one transaction: committed when all
+  // succeed, rolled back at the first failure. Caller holds writeMutex_.
+  template <class Writes>
+  std::expected<void, std::string> inTransaction(Writes writes);
+  std::expected<void, std::string> failure(const char* what) const;
 
   const std::string domain_;
   const std::filesystem::path file_;

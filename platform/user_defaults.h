@@ -4,7 +4,8 @@
 //
 // Keys are strings; values may be of any JSON shape. A string read
 // (`stringForKey`) reports a stored value of another shape as absent. A write
-// or removal that returns success is durable. The host installs the store it
+// or removal that returns success is durable; the batch forms make several
+// keys durable at the cost of one. The host installs the store it
 // uses with `Context::current().set<UserDefaults>(...)`; nothing creates one
 // implicitly.
 //
@@ -13,8 +14,10 @@
 
 #include <expected>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "host/any_value.h"
 
@@ -33,6 +36,15 @@ class UserDefaults {
 
   // Removes `key` (nothing to remove is a success).
   virtual std::expected<void, std::string> removeObject(std::string_view key) = 0;
+
+  // Stores every pair, in order (a later pair for a key wins), as one
+  // change: on success all are stored, on failure none changed and the
+  // text says why.
+  virtual std::expected<void, std::string> setObjects(
+      std::span<const std::pair<std::string, AnyValue>> items) = 0;
+
+  // Removes every key as one change, like setObjects.
+  virtual std::expected<void, std::string> removeObjects(std::span<const std::string> keys) = 0;
 
   // Every readable key with its value, any shape.
   virtual Dictionary dictionaryRepresentation() = 0;

@@ -1,5 +1,7 @@
 #include "tabs/safari_tab_api.h"
 
+#include <algorithm>
+
 #include <boost/json/serialize.hpp>
 
 #include "core/context.h"
@@ -49,9 +51,10 @@ std::shared_ptr<SafariTabAPI> SafariTabAPI::shared() { return Context::current()
 SafariTabAPI::SafariTabAPI(Context& context)
     : context_(context),
       emitter_(Emitter::create()),
-      tabCache_(sameBrowserObject<SFSafariTab>),
-      removedTabs_(sameBrowserObject<SFSafariTab>),
-      pageCache_(sameBrowserObject<SFSafariPage>) {}
+      tabCache_(sameBrowserObject<SFSafariTab>, browserObjectHash<SFSafariTab>, snapshotId<TabState>),
+      removedTabs_(sameBrowserObject<SFSafariTab>, browserObjectHash<SFSafariTab>, snapshotId<TabState>),
+      pageCache_(sameBrowserObject<SFSafariPage>, browserObjectHash<SFSafariPage>,
+                 [](const PageRecord& record) { return std::string_view(record.id); }) {}
 
 std::shared_ptr<SFSafariApplication> SafariTabAPI::application() const {
   return context_.get<SFSafariApplication>();
@@ -302,10 +305,8 @@ void SafariTabAPI::refreshActiveFlags(std::shared_ptr<SFSafariWindow> window,
 // --- Addressing --------------------------------------------------------------
 
 std::shared_ptr<TabState> SafariTabAPI::findTabState(const std::string& id) const {
-  for (const auto& entry : tabCache_.list().unthreaded()) {
-    if (entry.value->id() == id) return entry.value;
-  }
-  return nullptr;
+  auto found = tabCache_.findById(id);
+  return found ? found->entry.value : nullptr;
 }
 
 std::shared_ptr<TabState> SafariTabAPI::cachedTabState(const std::shared_ptr<SFSafariTab>& tab) const {
@@ -314,20 +315,22 @@ std::shared_ptr<TabState> SafariTabAPI::cachedTabState(const std::shared_ptr<SFS
 }
 
 std::shared_ptr<SFSafariPage> SafariTabAPI::findPage(const std::string& pageId) const {
-  for (const auto& entry : pageCache_.list().unthreaded()) {
-    if (entry.value.id == pageId) return entry.key.ref();
-  }
-  return nullptr;
+  auto found = pageCache_.findById(pageId);
+  return found ? found->entry.key.ref() : nullptr;
 }
 
 std::string SafariTabAPI::pageIdentifier(const std::shared_ptr<SFSafariPage>& page) {
   const WeakRef<SFSafariPage> key(page);
   std::lock_guard lock(registryMutex_);
   if (auto found = pageCache_.get(key)) return found->value.id;
-  // A page the browser has let go of can never be addressed again. Every
-  // page message scans this cache, so it is kept to about the live pages:
-  // each new page clears out the gone ones.
-  pageCache_.removeWhere([](const auto& entry) { return entry.key.expired(); });
+  // A page the browser has let go of can never be addressed again. The
+  // gone ones are cleared out whenever the cache has doubled since the last
+  // clear-out: it stays within about twice the live pages, at O(1) per new
+  // page on average.
+  if (const std::size_t count = pageCache_.list().count(); count >= pageSweepAt_) {
+    const std::size_t left = count - pageCache_.removeWhere([](const auto& entry) { return entry.key.expired(); });
+    pageSweepAt_ = std::max<std::size_t>(2 * left, 1);
+  }
   std::string id = newUUIDString();
   pageCache_.set(key, PageRecord{id});
   return id;
@@ -340,7 +343,12 @@ void SafariTabAPI::sendToTab(const std::string& tabId, const std::optional<std::
     reply(failure("Tab not found for id " + tabId));
     return;
   }
-  auto tab = state->tab().ref();
+  sendToTab(*state, pageId, std::move(cmd), std::move(args), std::move(reply));
+}
+
+void SafariTabAPI::sendToTab(const TabState& state, const std::optional<std::string>& pageId, std::string cmd,
+                             std::optional<AnyValue> args, ResultCallback reply) {
+  auto tab = state.tab().ref();
   // A closed tab has no page left to answer: its reply could never run, so
   // it is not parked (the asker's own time-out ends the wait, as before).
   // Parking it would only grow the table by one entry per ask to every

@@ -4,10 +4,11 @@
 // Browser tabs and pages have no identifiers; this registry gives each tab
 // a UUID the first time it is turned into a TabState (kept in tabCache) and
 // each page a UUID the first time it sends a message (kept in pageCache),
-// and finds them again by those identifiers with a linear scan. Entries are
-// keyed by weak reference: the registry never keeps a browser object
-// alive, and a closed tab's snapshot stays with its references empty
-// (a gone page's entry is dropped: nothing can reach it).
+// and finds them again by those identifiers, or by browser object, through
+// the caches' hash indexes. Entries are keyed by weak reference: the
+// registry never keeps a browser object alive, and a closed tab's snapshot
+// stays with its references empty (a gone page's entry is dropped: nothing
+// can reach it).
 //
 // Page intake (onPageMessage) parses "__APP_EXTENSION__" messages, ties
 // each to its tab, fills the action's meta with "tabId" and "tabUrl" and
@@ -123,6 +124,10 @@ class SafariTabAPI : public std::enable_shared_from_this<SafariTabAPI> {
   // + id; a page id that matches no page sends nothing.
   void sendToTab(const std::string& tabId, const std::optional<std::string>& pageId,
                  std::string cmd, std::optional<AnyValue> args, ResultCallback reply);
+  // sendToTab to the tab of a snapshot already read from tabCache (no
+  // lookup by id).
+  void sendToTab(const TabState& state, const std::optional<std::string>& pageId, std::string cmd,
+                 std::optional<AnyValue> args, ResultCallback reply);
 
   // Sends `userInfo` under kMessageName to each page, in order.
   void dispatchToPages(const std::vector<std::shared_ptr<SFSafariPage>>& pages,
@@ -141,12 +146,14 @@ class SafariTabAPI : public std::enable_shared_from_this<SafariTabAPI> {
   void refreshActiveFlags(std::shared_ptr<SFSafariWindow> window,
                           std::shared_ptr<SFSafariTab> activeTab);
 
-  // Lookups by identifier (first match of a linear scan), or nullptr.
+  // Lookups by identifier (the first match, found through the caches'
+  // indexes), or nullptr.
   std::shared_ptr<TabState> findTabState(const std::string& id) const;
   std::shared_ptr<TabState> cachedTabState(const std::shared_ptr<SFSafariTab>& tab) const;
   std::shared_ptr<SFSafariPage> findPage(const std::string& pageId) const;
-  // The page's identifier, made on first sight. A new page also drops the
-  // entries of pages that no longer exist: their identifiers find nothing.
+  // The page's identifier, made on first sight. New pages also drop the
+  // entries of pages that no longer exist (whenever the cache has doubled
+  // since they last did): those identifiers find nothing.
   std::string pageIdentifier(const std::shared_ptr<SFSafariPage>& page);
 
   // Tab commands, once their arguments are valid. Each calls `completion`
@@ -209,6 +216,9 @@ class SafariTabAPI : public std::enable_shared_from_this<SafariTabAPI> {
   // a write are two trips through the set), so one tab never gets two
   // snapshots or two identifiers when builds race.
   std::mutex registryMutex_;
+  // pageCache's size at which a new page clears out gone pages next;
+  // guarded by registryMutex_.
+  std::size_t pageSweepAt_ = 1;
 };
 
 }  // namespace appex

@@ -24,7 +24,9 @@ std::shared_ptr<SafariWindowAPI> SafariWindowAPI::shared() {
 }
 
 SafariWindowAPI::SafariWindowAPI(Context& context)
-    : context_(context), emitter_(Emitter::create()), cache_(sameBrowserObject<SFSafariWindow>) {}
+    : context_(context),
+      emitter_(Emitter::create()),
+      cache_(sameBrowserObject<SFSafariWindow>, browserObjectHash<SFSafariWindow>, snapshotId<WindowState>) {}
 
 std::shared_ptr<SFSafariApplication> SafariWindowAPI::application() const {
   return context_.get<SFSafariApplication>();
@@ -75,10 +77,8 @@ void SafariWindowAPI::windowStates(std::vector<std::shared_ptr<SFSafariWindow>> 
 }
 
 std::shared_ptr<WindowState> SafariWindowAPI::findWindowState(const std::string& id) const {
-  for (const auto& entry : cache_.list().unthreaded()) {
-    if (entry.value->id() == id) return entry.value;
-  }
-  return nullptr;
+  auto found = cache_.findById(id);
+  return found ? found->entry.value : nullptr;
 }
 
 void SafariWindowAPI::getWindow(const std::string& id, bool populate, ResultCallback completion) {
@@ -144,12 +144,9 @@ void SafariWindowAPI::removeWindow(const std::string& id, ResultCallback complet
   std::shared_ptr<WindowState> removed;
   {
     std::lock_guard lock(registryMutex_);
-    for (const auto& [position, entry] : cache_.list().enumerated()) {
-      if (entry.value->id() == id) {
-        removed = entry.value;
-        cache_.list().remove(position);
-        break;
-      }
+    if (auto found = cache_.findById(id)) {
+      removed = found->entry.value;
+      cache_.list().remove(found->position);
     }
   }
   auto window = removed ? removed->win().ref() : nullptr;

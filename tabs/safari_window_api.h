@@ -62,7 +62,8 @@ class SafariWindowAPI : public std::enable_shared_from_this<SafariWindowAPI> {
   void windowStates(std::vector<std::shared_ptr<SFSafariWindow>> windows, bool populate,
                     WindowStatesCompletion completion);
 
-  // The snapshot with that id (first match of a linear scan), or nullptr.
+  // The snapshot with that id (found through the cache's id index), or
+  // nullptr.
   std::shared_ptr<WindowState> findWindowState(const std::string& id) const;
 
   // Window commands, once their arguments are valid. Each calls

@@ -118,15 +118,13 @@ void SafariTabAPI::removeTab(const std::string& id, ResultCallback completion) {
     // One locked step: a build racing this removal finds the snapshot in
     // one of the two sets, never in neither.
     std::lock_guard lock(registryMutex_);
-    for (const auto& [position, entry] : tabCache_.list().enumerated()) {
-      if (entry.value->id() != id) continue;
-      tab = entry.value->tab().ref();
-      tabCache_.list().remove(position);
+    if (auto found = tabCache_.findById(id)) {
+      tab = found->entry.value->tab().ref();
+      tabCache_.list().remove(found->position);
       if (tab) {
         removedTabs_.removeWhere([](const auto& gone) { return gone.key.expired(); });
-        removedTabs_.set(WeakRef<SFSafariTab>(tab), entry.value);
+        removedTabs_.set(WeakRef<SFSafariTab>(tab), found->entry.value);
       }
-      break;
     }
   }
   if (!tab) {

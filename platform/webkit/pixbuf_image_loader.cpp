@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "platform/cached_image_loader.h"
 #include "platform/image_loader.h"
 
 namespace appex {
@@ -53,7 +54,7 @@ class PixbufImageLoader final : public ImageLoader {
 }  // namespace
 
 std::shared_ptr<ImageLoader> ImageLoader::create(Context&) {
-  return std::make_shared<PixbufImageLoader>();
+  return std::make_shared<CachingImageLoader>(std::make_shared<PixbufImageLoader>());
 }
 
 }  // namespace appex

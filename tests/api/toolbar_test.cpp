@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <fstream>
 #include <future>
 
 #include "api/safari_toolbar_api.h"
+#include "platform/cached_image_loader.h"
 #include "platform/sim/sim_tab.h"
 #include "platform/sim/sim_toolbar_item.h"
 #include "platform/sim/sim_window.h"
@@ -76,6 +79,31 @@ TEST_F(ToolbarTest, AnImageThatDoesNotLoadLeavesTheIconAsItWas) {
   validate();
   EXPECT_EQ(item()->image(), before);
   EXPECT_EQ(item()->badgeText(), "") << "an empty badge is still applied";
+}
+
+TEST_F(ToolbarTest, AnIconFileIsDecodedOnceUntilItChanges) {
+  struct CountingDecoder final : ImageLoader {
+    std::atomic<int> decodes{0};
+    std::optional<ToolbarImage> load(const std::string& path) override {
+      ++decodes;
+      return std::filesystem::is_regular_file(path) ? std::optional(ToolbarImage{path}) : std::nullopt;
+    }
+  };
+  auto decoder = std::make_shared<CountingDecoder>();
+  context_.set<ImageLoader>(std::make_shared<CachingImageLoader>(decoder));
+  writeAsset("icon.png");
+  toolbar->setIcon("icon.png", std::nullopt);
+  validate();
+  validate();
+  ASSERT_TRUE(item()->image());
+  EXPECT_EQ(decoder->decodes, 1);
+  std::ofstream(bundlePath_ / "Contents/Resources/Assets/extension/icon.png") << "another image";
+  validate();
+  EXPECT_EQ(decoder->decodes, 2) << "a changed file is decoded again";
+  toolbar->setIcon("missing.png", std::nullopt);
+  validate();
+  validate();
+  EXPECT_EQ(decoder->decodes, 4) << "a missing file is never remembered";
 }
 
 TEST_F(ToolbarTest, TabEventsUpdateTheItemOnlyForTheActiveTab) {

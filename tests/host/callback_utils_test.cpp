@@ -17,7 +17,8 @@ TEST(CallbackUtilsTest, FinalGetsResultsInIndexOrderFromTheLastStep) {
     got = std::move(r);
     ++finals;
   });
-  step(2, "c");
+  step(2, "x");
+  step(2, "c");  // a repeat before the end replaces, and is not a second step
   step(0, "a");
   EXPECT_EQ(finals, 0);
   step(1, "b");

@@ -72,6 +72,42 @@ TEST(SqliteUserDefaultsTest, RemovesKeysAndOnlyItsOwnPersistentDomain) {
   EXPECT_TRUE(open(folder.path())->dictionaryRepresentation().empty()) << "the removal is persistent";
 }
 
+TEST(SqliteUserDefaultsTest, OverwritesSurviveReopenAndBatchesAreAllOrNothing) {
+  testing::TemporaryFolder folder;
+  using Batch = std::vector<std::pair<std::string, AnyValue>>;
+  {
+    auto store = open(folder.path());
+    ASSERT_TRUE(store->setObject("k", boost::json::string("old")));
+    ASSERT_TRUE(store->setObject("k", boost::json::string("new")));
+    ASSERT_TRUE(store->setObjects(Batch{{"a", "1"}, {"b", "2"}, {"a", "3"}}));
+  }
+  // Another connection makes the database refuse one key of each later
+  // batch, halfway through it.
+  onDisk(folder.path(),
+         "CREATE TRIGGER refuse BEFORE INSERT ON defaults WHEN NEW.key = 'poison' "
+         "BEGIN SELECT RAISE(ABORT, 'refused'); END");
+  onDisk(folder.path(),
+         "CREATE TRIGGER keep BEFORE DELETE ON defaults WHEN OLD.key = 'b' "
+         "BEGIN SELECT RAISE(ABORT, 'refused'); END");
+  auto store = open(folder.path());
+  EXPECT_EQ(store->stringForKey("k"), "new") << "the overwrite reached the disk";
+  EXPECT_EQ(store->stringForKey("a"), "3") << "a later pair for a key wins";
+
+  auto set = store->setObjects(Batch{{"k", "lost"}, {"poison", "x"}, {"c", "lost"}});
+  ASSERT_FALSE(set);
+  EXPECT_NE(set.error().find("refused"), std::string::npos) << set.error();
+  const std::vector<std::string> keys{"a", "b"};
+  ASSERT_FALSE(store->removeObjects(keys));
+  for (int reopened = 0; reopened < 2; ++reopened) {
+    EXPECT_EQ(store->stringForKey("k"), "new");
+    EXPECT_FALSE(store->stringForKey("c"));
+    EXPECT_EQ(store->stringForKey("a"), "3") << "a removal batch is all or nothing too";
+    store = nullptr;
+    store = open(folder.path());
+  }
+  ASSERT_TRUE(store->setObjects(Batch{{"k", "after"}})) << "a failed batch leaves no transaction open";
+}
+
 TEST(SqliteUserDefaultsOpenTest, RefusesDamagedNewerOrMisplacedStoresAndNeverTouchesTheirFiles) {
   testing::TemporaryFolder folder;
   const auto file = SqliteUserDefaults::databasePath(folder.path(), kDomain);
