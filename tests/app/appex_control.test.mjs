@@ -145,8 +145,10 @@ describe('appex run --control', () => {
       { what: 'the badge' });
     assert.equal(counted.enabled, true);
     assert.match(counted.image, /logo-grey\.pdf$/);
+    // The badge comes on top of the bundle's label, which stays.
+    assert.equal(counted.label, 'Word Count');
     assert.deepEqual(await host.call('toolbar'), {
-      image: counted.image, badgeText: counted.badgeText, label: counted.label, enabled: true,
+      image: counted.image, badgeText: counted.badgeText, label: 'Word Count', enabled: true,
     });
     assert.equal(host.events.filter((e) => e.event === 'ready').length, 1, 'ready comes once');
     // --trace: the routed messages, on stderr.
