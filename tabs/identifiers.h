@@ -28,8 +28,4 @@ bool sameBrowserObject(const WeakRef<T>& stored, const WeakRef<T>& wanted) {
   return b && a->isEqual(*b);
 }
 
-// True when `text` is an absolute URL (it has a scheme), which is what the
-// browser accepts for opening and navigating.
-bool isAbsoluteURL(const std::string& text);
-
 }  // namespace appex

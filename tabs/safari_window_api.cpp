@@ -2,6 +2,7 @@
 
 #include "core/context.h"
 #include "host/callback_utils.h"
+#include "platform/browser_url.h"
 #include "tabs/identifiers.h"
 #include "tabs/safari_tab_api.h"
 
@@ -123,11 +124,12 @@ void SafariWindowAPI::allWindows(bool populate, ResultCallback completion) {
 }
 
 void SafariWindowAPI::createWindow(const std::string& url, ResultCallback completion) {
-  if (!isAbsoluteURL(url)) {
+  auto loadable = browserURL(url);
+  if (!loadable) {
     completion(failure(kCreateFailed));
     return;
   }
-  application()->openWindowWithURL(url, [self = shared_from_this(), completion = std::move(completion)](
+  application()->openWindowWithURL(*loadable, [self = shared_from_this(), completion = std::move(completion)](
                                             std::shared_ptr<SFSafariWindow> window) mutable {
     if (!window) {
       completion(failure(kCreateFailed));
