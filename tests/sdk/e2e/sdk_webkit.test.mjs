@@ -71,17 +71,24 @@ describe('the SDK on WebKit', { skip: configured ? false : 'run through ctest (s
     assert.equal(message.sender.tabId, tab.id);
   });
 
-  it('tabs.query in the background page describes the open tab and filters', async () => {
+  it('tabs.query in the background page describes the open tab as it is now, and filters', async () => {
     const tabs = await host.call('eval', { code: 'appex.tabs.query()' });
     assert.equal(tabs.length, 1);
     const [tab] = tabs;
     assert.equal(typeof tab.id, 'string');
-    // The title is whatever the page had when its content script started.
-    assert.equal(typeof tab.title, 'string');
-    assert.deepEqual({ ...tab, id: undefined, title: undefined },
-      { id: undefined, title: undefined, url: pageUrl, isActive: true, isPrivate: false });
+    assert.deepEqual({ ...tab, id: undefined },
+      { id: undefined, title: 'Probe page', url: pageUrl, isActive: true, isPrivate: false });
     assert.deepEqual(await host.call('eval', { code: 'appex.tabs.query({active: true, currentWindow: true})' }), [tab]);
     assert.deepEqual(await host.call('eval', { code: "appex.tabs.query({url: 'http://nowhere.invalid/*'})" }), []);
+
+    // The page renames itself and moves to an anchor, telling no one: the
+    // next query shows both, and tabs.get what the query saw.
+    await host.call('eval', { in: 'tab', tab: 't1', world: 'page', code: "document.title = 'Renamed'; location.hash = 'end'; 0" });
+    const now = await host.until(async () => {
+      const [t] = await host.call('eval', { code: 'appex.tabs.query()' });
+      return t.title === 'Renamed' && t.url === `${pageUrl}#end` ? t : null;
+    }, 10_000, 'the query to show the new title and address');
+    assert.deepEqual(await host.call('eval', { code: `appex.tabs.get(${JSON.stringify(tab.id)})` }), now);
   });
 
   it('storage.local.set in the background page stores, and storage.onChanged fires in every part', async () => {
