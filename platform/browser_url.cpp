@@ -5,8 +5,6 @@
 #include <boost/url/parse.hpp>
 
 #include <algorithm>
-#include <cctype>
-#include <cstring>
 
 namespace appex {
 namespace {
@@ -15,7 +13,12 @@ bool isASCII(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
-bool isHex(char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; }
+// ASCII classes, whatever the process's locale says.
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+bool isAlpha(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+bool isAlnum(char c) { return isDigit(c) || isAlpha(c); }
+bool isHex(char c) { return isDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
+char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
 // What a URI carries as it is outside its host: unreserved characters,
 // sub-delimiters, ':', '/', '?', and '@' where `at` says so. '%' is kept
@@ -25,7 +28,8 @@ void appendEncoded(std::string& out, std::string_view text, bool at) {
   for (std::size_t i = 0; i < text.size(); ++i) {
     const auto c = static_cast<unsigned char>(text[i]);
     const bool escape = c == '%' && i + 2 < text.size() && isHex(text[i + 1]) && isHex(text[i + 2]);
-    if (std::isalnum(c) || std::strchr("-._~!$&'()*+,;=:/?", c) || (at && c == '@') || escape) {
+    const bool plain = isAlnum(text[i]) || std::string_view("-._~!$&'()*+,;=:/?").find(text[i]) != std::string_view::npos;
+    if (plain || (at && c == '@') || escape) {
       out += static_cast<char>(c);
     } else {
       out += '%';
@@ -45,6 +49,19 @@ std::optional<std::string> asciiHost(std::string_view host) {
   std::string result(converted);
   idn2_free(converted);
   return result;
+}
+
+// Nothing, or ':' and a number up to 65535 (possibly none).
+bool isPort(std::string_view port) {
+  if (port.empty()) return true;
+  if (port.front() != ':') return false;
+  unsigned long value = 0;
+  for (char c : port.substr(1)) {
+    if (!isDigit(c)) return false;
+    value = value * 10 + static_cast<unsigned long>(c - '0');
+    if (value > 65535) return false;
+  }
+  return true;
 }
 
 bool needsHost(std::string_view scheme) {
@@ -69,14 +86,13 @@ std::optional<std::string> browserURL(std::string_view text) {
   }
 
   const std::size_t colon = s.find(':');
-  if (colon == std::string::npos || colon == 0 || !std::isalpha(static_cast<unsigned char>(s[0]))) {
+  if (colon == std::string::npos || colon == 0 || !isAlpha(s[0])) {
     return std::nullopt;
   }
   std::string scheme = s.substr(0, colon);
   for (char& c : scheme) {
-    const auto u = static_cast<unsigned char>(c);
-    if (!std::isalnum(u) && c != '+' && c != '-' && c != '.') return std::nullopt;
-    c = static_cast<char>(std::tolower(u));
+    if (!isAlnum(c) && c != '+' && c != '-' && c != '.') return std::nullopt;
+    c = lower(c);
   }
 
   std::string out = scheme + ":";
@@ -105,6 +121,7 @@ std::optional<std::string> browserURL(std::string_view text) {
       host = hostPort.substr(0, c);
       port = hostPort.substr(c);
     }
+    if (!isPort(port)) return std::nullopt;
     auto ascii = asciiHost(host);
     if (!ascii || (ascii->empty() && web)) return std::nullopt;
     out += "//";
@@ -113,7 +130,7 @@ std::optional<std::string> browserURL(std::string_view text) {
       out += '@';
     }
     out += *ascii;
-    out += port;  // the parse below accepts digits only
+    out += port;
     pos = end;
   }
 
