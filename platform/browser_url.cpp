@@ -28,7 +28,8 @@ void appendEncoded(std::string& out, std::string_view text, bool at) {
   for (std::size_t i = 0; i < text.size(); ++i) {
     const auto c = static_cast<unsigned char>(text[i]);
     const bool escape = c == '%' && i + 2 < text.size() && isHex(text[i + 1]) && isHex(text[i + 2]);
-    const bool plain = isAlnum(text[i]) || std::string_view("-._~!$&'()*+,;=:/?").find(text[i]) != std::string_view::npos;
+    constexpr std::string_view kMarks = "-._~!$&'()*+,;=:/?";
+    const bool plain = isAlnum(text[i]) || kMarks.find(text[i]) != std::string_view::npos;
     if (plain || (at && c == '@') || escape) {
       out += static_cast<char>(c);
     } else {

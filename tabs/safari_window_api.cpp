@@ -68,7 +68,7 @@ void SafariWindowAPI::windowStates(std::vector<std::shared_ptr<SFSafariWindow>> 
     windows[i]->getAllTabs([self, window = windows[i], fill = std::move(fill)](
                                std::vector<std::shared_ptr<SFSafariTab>> tabs) mutable {
       self->tabs()->refreshTabStates(std::move(tabs), [self, window = std::move(window), fill = std::move(fill)](
-                                                      WindowState::TabList states) mutable {
+                                                          WindowState::TabList states) mutable {
         self->getWindowState(std::move(states), std::move(window), true, std::move(fill));
       });
     });
@@ -130,7 +130,7 @@ void SafariWindowAPI::createWindow(const std::string& url, ResultCallback comple
     return;
   }
   application()->openWindowWithURL(*loadable, [self = shared_from_this(), completion = std::move(completion)](
-                                            std::shared_ptr<SFSafariWindow> window) mutable {
+                                                   std::shared_ptr<SFSafariWindow> window) mutable {
     if (!window) {
       completion(failure(kCreateFailed));
       return;

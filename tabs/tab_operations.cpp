@@ -61,8 +61,8 @@ void SafariTabAPI::createTab(const std::string& url, bool active, ResultCallback
     completion(failure(kCreateFailed));
     return;
   }
-  application()->getActiveWindow([self = shared_from_this(), url = std::move(*loadable), active, completion = std::move(completion)](
-                                     std::shared_ptr<SFSafariWindow> window) mutable {
+  application()->getActiveWindow([self = shared_from_this(), url = std::move(*loadable), active,
+                                  completion = std::move(completion)](std::shared_ptr<SFSafariWindow> window) mutable {
     if (!window) {
       completion(failure(kCreateFailed));
       return;
