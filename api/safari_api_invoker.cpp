@@ -8,11 +8,11 @@
 #include "api/safari_storage_api.h"
 #include "api/safari_toolbar_api.h"
 #include "core/context.h"
+#include "platform/browser_url.h"
 #include "platform/bundle.h"
 #include "platform/popup_controller.h"
 #include "platform/safari_extension.h"
 #include "platform/user_defaults.h"
-#include "tabs/identifiers.h"
 #include "tabs/safari_tab_api.h"
 #include "tabs/safari_window_api.h"
 #include "tabs/tab_query.h"
@@ -104,7 +104,7 @@ void SafariApiInvoker::invokeAPI(const std::string& cmd, const std::optional<Any
     if (!d) return callback(failure("[tabs.create] args must be a dictionary"));
     auto url = asString(*d, "url");
     if (!url) return callback(failure("[tabs.create] url is required"));
-    if (!isAbsoluteURL(*url)) {
+    if (!browserURL(*url)) {
       return callback(failure("[tabs.create] Failed to create tab for unknown reason"));
     }
     tabs->createTab(*url, asBool(*d, "active").value_or(true), std::move(callback));
@@ -161,7 +161,7 @@ void SafariApiInvoker::invokeAPI(const std::string& cmd, const std::optional<Any
     if (!d) return callback(failure("[windows.create] args must be a dictionary"));
     auto url = asString(*d, "url");
     if (!url) return callback(failure("[windows.create] url is required"));
-    if (!isAbsoluteURL(*url)) {
+    if (!browserURL(*url)) {
       return callback(failure("[windows.create] Failed to create window for unknown reason"));
     }
     windows->createWindow(*url, std::move(callback));

@@ -110,7 +110,8 @@ void SafariToolbarAPI::updateToolbarItem(std::shared_ptr<SFSafariWindow> window,
     if (!self || !item) return;
     if (auto image = self->loadImage(info.image)) item->setImage(std::move(image));
     item->setBadgeText(info.badgeText);
-    item->setLabel(info.label);
+    // No label of its own: the item keeps the one it has (the bundle's).
+    if (info.label) item->setLabel(info.label);
     item->setEnabled(info.enabled);
     logLine("update toolbar - tabId " + logId.value_or("N/A") + " - " + info.description());
     if (completion) completion();

@@ -1,6 +1,5 @@
 #include "tabs/identifiers.h"
 
-#include <boost/url/parse.hpp>
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
 
@@ -16,10 +15,6 @@ std::string newUUIDString() {
   std::transform(text.begin(), text.end(), text.begin(),
                  [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
   return text;
-}
-
-bool isAbsoluteURL(const std::string& text) {
-  return boost::urls::parse_absolute_uri(text).has_value();
 }
 
 }  // namespace appex

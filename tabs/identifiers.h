@@ -47,8 +47,4 @@ std::string_view snapshotId(const std::shared_ptr<State>& state) {
   return state->id();
 }
 
-// True when `text` is an absolute URL (it has a scheme), which is what the
-// browser accepts for opening and navigating.
-bool isAbsoluteURL(const std::string& text);
-
 }  // namespace appex

@@ -2,6 +2,7 @@
 
 #include "core/context.h"
 #include "host/callback_utils.h"
+#include "platform/browser_url.h"
 #include "tabs/identifiers.h"
 #include "tabs/safari_tab_api.h"
 
@@ -68,8 +69,8 @@ void SafariWindowAPI::windowStates(std::vector<std::shared_ptr<SFSafariWindow>> 
     }
     windows[i]->getAllTabs([self, window = windows[i], fill = std::move(fill)](
                                std::vector<std::shared_ptr<SFSafariTab>> tabs) mutable {
-      self->tabs()->getTabStates(std::move(tabs), [self, window = std::move(window), fill = std::move(fill)](
-                                                      WindowState::TabList states) mutable {
+      self->tabs()->refreshTabStates(std::move(tabs), [self, window = std::move(window), fill = std::move(fill)](
+                                                          WindowState::TabList states) mutable {
         self->getWindowState(std::move(states), std::move(window), true, std::move(fill));
       });
     });
@@ -123,12 +124,13 @@ void SafariWindowAPI::allWindows(bool populate, ResultCallback completion) {
 }
 
 void SafariWindowAPI::createWindow(const std::string& url, ResultCallback completion) {
-  if (!isAbsoluteURL(url)) {
+  auto loadable = browserURL(url);
+  if (!loadable) {
     completion(failure(kCreateFailed));
     return;
   }
-  application()->openWindowWithURL(url, [self = shared_from_this(), completion = std::move(completion)](
-                                            std::shared_ptr<SFSafariWindow> window) mutable {
+  application()->openWindowWithURL(*loadable, [self = shared_from_this(), completion = std::move(completion)](
+                                                   std::shared_ptr<SFSafariWindow> window) mutable {
     if (!window) {
       completion(failure(kCreateFailed));
       return;

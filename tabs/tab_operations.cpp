@@ -3,7 +3,7 @@
 #include <memory>
 
 #include "core/context.h"
-#include "tabs/identifiers.h"
+#include "platform/browser_url.h"
 #include "tabs/safari_tab_api.h"
 
 namespace appex {
@@ -56,12 +56,13 @@ void SafariTabAPI::queryTabs(TabQuery query, ResultCallback completion) {
 }
 
 void SafariTabAPI::createTab(const std::string& url, bool active, ResultCallback completion) {
-  if (!isAbsoluteURL(url)) {
+  auto loadable = browserURL(url);
+  if (!loadable) {
     completion(failure(kCreateFailed));
     return;
   }
-  application()->getActiveWindow([self = shared_from_this(), url, active, completion = std::move(completion)](
-                                     std::shared_ptr<SFSafariWindow> window) mutable {
+  application()->getActiveWindow([self = shared_from_this(), url = std::move(*loadable), active,
+                                  completion = std::move(completion)](std::shared_ptr<SFSafariWindow> window) mutable {
     if (!window) {
       completion(failure(kCreateFailed));
       return;
@@ -91,11 +92,12 @@ void SafariTabAPI::updateTab(const std::string& id, const std::optional<std::str
                              ResultCallback completion) {
   auto state = findTabState(id);
   auto tab = state ? state->tab().ref() : nullptr;
-  if (!tab || (url && !isAbsoluteURL(*url))) {
+  auto loadable = url ? browserURL(*url) : std::nullopt;
+  if (!tab || (url && !loadable)) {
     completion(failure(kUpdateFailed));
     return;
   }
-  if (url) tab->navigateToURL(*url);
+  if (loadable) tab->navigateToURL(*loadable);
   auto rebuild = [self = shared_from_this(), tab, completion = std::move(completion)]() mutable {
     tab->getPages([self, tab, completion = std::move(completion)](
                       std::vector<std::shared_ptr<SFSafariPage>> pages) mutable {

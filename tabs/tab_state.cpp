@@ -47,6 +47,17 @@ void TabState::assign(Fields fields) {
   fields_ = std::move(fields);
 }
 
+void TabState::Fields::readPage(const std::optional<SFSafariPageProperties>& properties) {
+  url = properties && properties->url && !properties->url->empty() ? *properties->url : std::string("about:blank");
+  title = properties ? properties->title : std::nullopt;
+  isPrivate = properties && properties->usesPrivateBrowsing;
+}
+
+void TabState::readPage(const std::optional<SFSafariPageProperties>& properties) {
+  std::lock_guard lock(mutex_);
+  fields_.readPage(properties);
+}
+
 void TabState::setActive(bool active) {
   std::lock_guard lock(mutex_);
   fields_.isActive = active;

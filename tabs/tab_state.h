@@ -20,6 +20,7 @@
 
 #include "core/weak_ref.h"
 #include "host/any_value.h"
+#include "platform/safari_page_properties.h"
 #include "platform/safari_tab.h"
 #include "platform/safari_window.h"
 
@@ -41,6 +42,10 @@ class TabState {
     std::optional<std::string> windowId;
     WeakRef<SFSafariTab> tab;
     WeakRef<SFSafariWindow> win;
+
+    // Sets url, title and isPrivate from what the page reports (absent:
+    // the tab shows no page).
+    void readPage(const std::optional<SFSafariPageProperties>& properties);
   };
 
   explicit TabState(std::string id) : id_(std::move(id)) {}
@@ -61,6 +66,8 @@ class TabState {
   // Replaces every field but the id.
   void assign(Fields fields);
   void setActive(bool active);
+  // Fields::readPage on the stored fields, leaving the others as they are.
+  void readPage(const std::optional<SFSafariPageProperties>& properties);
 
   // {"id", "url" ("" when absent), "title" ("" when absent), "isActive",
   // "isPrivate"}, in that order.

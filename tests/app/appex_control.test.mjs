@@ -145,8 +145,10 @@ describe('appex run --control', () => {
       { what: 'the badge' });
     assert.equal(counted.enabled, true);
     assert.match(counted.image, /logo-grey\.pdf$/);
+    // The badge comes on top of the bundle's label, which stays.
+    assert.equal(counted.label, 'Word Count');
     assert.deepEqual(await host.call('toolbar'), {
-      image: counted.image, badgeText: counted.badgeText, label: counted.label, enabled: true,
+      image: counted.image, badgeText: counted.badgeText, label: 'Word Count', enabled: true,
     });
     assert.equal(host.events.filter((e) => e.event === 'ready').length, 1, 'ready comes once');
     // --trace: the routed messages, on stderr.
@@ -308,8 +310,11 @@ describe('appex run --control', () => {
     assert.equal(state.width, 430);
     await host.waitFor('popover', { shown: true, height: state.height }, { since });
 
-    // The popup page: evaluation and its console.
+    // The popup page: evaluation and its console. It names the active tab
+    // by its title, as the extension's API reports it.
     assert.equal(await host.call('eval', { in: 'popup', code: 'document.title' }), 'Word Count');
+    assert.equal(await host.call('eval', { in: 'popup', code: "document.querySelector('#title').textContent" }),
+      'A page to count');
     since = host.mark();
     await host.call('eval', { in: 'popup', code: "console.error(new Error('popup trouble')); console.assert(1 > 2, 'math'); 0" });
     assert.deepEqual(await host.waitFor('console', { source: 'popup', text: 'Error: popup trouble' }, { since }),
