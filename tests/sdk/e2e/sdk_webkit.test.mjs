@@ -243,6 +243,43 @@ describe('the SDK on WebKit', { skip }, () => {
     });
   });
 
+  it('tabs.create, tabs.update and windows.create take every absolute URL a browser takes, and nothing else', async () => {
+    const { port } = new URL(pageUrl);
+    const settle = (call) => host.call('eval', { code: `${call}.then((r) => ['ok', r], (e) => ['failed', e.message])` });
+    // What web code passes, the address the browser is given for it, and
+    // whether the served page shows there (the site listens on IPv4 only).
+    const taken = [
+      [`${pageUrl}?q=a b&r=2#top`, `${pageUrl}?q=a%20b&r=2#top`, true],
+      [`http://bücher.localhost:${port}/index.html?ü#ö`, `http://xn--bcher-kva.localhost:${port}/index.html?%C3%BC#%C3%B6`, true],
+      [`http://[::1]:${port}/ä#top`, `http://[::1]:${port}/%C3%A4#top`, false],
+    ];
+    for (const [url, loaded, shows] of taken) {
+      const [outcome, tab] = await settle(`appex.tabs.create({url: ${JSON.stringify(url)}, active: false})`);
+      assert.equal(outcome, 'ok', `${url}: ${tab}`);
+      assert.equal(tab.url, loaded);
+      if (shows) {
+        await host.until(async () => (await host.call('eval', { code: 'appex.tabs.query({})' }))
+          .some((t) => t.id === tab.id && t.title === 'Probe page'), 10_000, `${url} to show the page`);
+      }
+      assert.equal((await settle(`appex.tabs.update(${JSON.stringify(tab.id)}, {url: ${JSON.stringify(url)}})`))[0],
+        'ok', url);
+      const [made, win] = await settle(`appex.windows.create({url: ${JSON.stringify(url)}})`);
+      assert.equal(made, 'ok', `${url}: ${win}`);
+      await settle(`appex.windows.remove(${JSON.stringify(win.id)})`);
+      await settle(`appex.tabs.remove(${JSON.stringify(tab.id)})`);
+    }
+    const [t1] = await host.call('eval', { code: 'appex.tabs.query({active: true})' });
+    for (const url of ['not a url', '', 'index.html', '/index.html', 'http://exa mple.com/']) {
+      const arg = JSON.stringify(url);
+      assert.deepEqual(await settle(`appex.tabs.create({url: ${arg}})`),
+        ['failed', '[tabs.create] Failed to create tab for unknown reason'], arg);
+      assert.deepEqual(await settle(`appex.tabs.update(${JSON.stringify(t1.id)}, {url: ${arg}})`),
+        ['failed', '[tabs.update] Failed to create tab for unknown reason'], arg);
+      assert.deepEqual(await settle(`appex.windows.create({url: ${arg}})`),
+        ['failed', '[windows.create] Failed to create window for unknown reason'], arg);
+    }
+  });
+
   describe('httpRequest', () => {
     // Refuses requests without a User-Agent, reports the one it got and the
     // cookie sent, and sets a cookie on /login.
@@ -315,41 +352,4 @@ describe('the SDK on WebKit, with a broken background page', { skip }, () => {
       }
     });
   }
-
-  it('tabs.create, tabs.update and windows.create take every absolute URL a browser takes, and nothing else', async () => {
-    const { port } = new URL(pageUrl);
-    const settle = (call) => host.call('eval', { code: `${call}.then((r) => ['ok', r], (e) => ['failed', e.message])` });
-    // What web code passes, the address the browser is given for it, and
-    // whether the served page shows there (the site listens on IPv4 only).
-    const taken = [
-      [`${pageUrl}?q=a b&r=2#top`, `${pageUrl}?q=a%20b&r=2#top`, true],
-      [`http://bücher.localhost:${port}/index.html?ü#ö`, `http://xn--bcher-kva.localhost:${port}/index.html?%C3%BC#%C3%B6`, true],
-      [`http://[::1]:${port}/ä#top`, `http://[::1]:${port}/%C3%A4#top`, false],
-    ];
-    for (const [url, loaded, shows] of taken) {
-      const [outcome, tab] = await settle(`appex.tabs.create({url: ${JSON.stringify(url)}, active: false})`);
-      assert.equal(outcome, 'ok', `${url}: ${tab}`);
-      assert.equal(tab.url, loaded);
-      if (shows) {
-        await host.until(async () => (await host.call('eval', { code: 'appex.tabs.query({})' }))
-          .some((t) => t.id === tab.id && t.title === 'Probe page'), 10_000, `${url} to show the page`);
-      }
-      assert.equal((await settle(`appex.tabs.update(${JSON.stringify(tab.id)}, {url: ${JSON.stringify(url)}})`))[0],
-        'ok', url);
-      const [made, win] = await settle(`appex.windows.create({url: ${JSON.stringify(url)}})`);
-      assert.equal(made, 'ok', `${url}: ${win}`);
-      await settle(`appex.windows.remove(${JSON.stringify(win.id)})`);
-      await settle(`appex.tabs.remove(${JSON.stringify(tab.id)})`);
-    }
-    const [t1] = await host.call('eval', { code: 'appex.tabs.query({active: true})' });
-    for (const url of ['not a url', '', 'index.html', '/index.html', 'http://exa mple.com/']) {
-      const arg = JSON.stringify(url);
-      assert.deepEqual(await settle(`appex.tabs.create({url: ${arg}})`),
-        ['failed', '[tabs.create] Failed to create tab for unknown reason'], arg);
-      assert.deepEqual(await settle(`appex.tabs.update(${JSON.stringify(t1.id)}, {url: ${arg}})`),
-        ['failed', '[tabs.update] Failed to create tab for unknown reason'], arg);
-      assert.deepEqual(await settle(`appex.windows.create({url: ${arg}})`),
-        ['failed', '[windows.create] Failed to create window for unknown reason'], arg);
-    }
-  });
 });
