@@ -85,11 +85,12 @@ void SafariExtensionHandler::popoverWillShowInWindow(std::shared_ptr<SFSafariWin
   webview->reload();
 }
 
-void SafariExtensionHandler::pageWillNavigateToURL(std::shared_ptr<SFSafariPage>,
+void SafariExtensionHandler::pageWillNavigateToURL(std::shared_ptr<SFSafariPage> page,
                                                    std::optional<std::string>) const {
   // The registry rebuilds a tab's snapshot when its content script asks
-  // "VALIDATE_TAB" after the load; the URL alone names no tab.
-  context_.get<SafariTabAPI>();
+  // "VALIDATE_TAB" after the load; the URL alone names no tab. What the
+  // leaving document was asked goes unanswered: its parked replies go.
+  context_.get<SafariTabAPI>()->pageWillNavigate(page);
 }
 
 }  // namespace appex

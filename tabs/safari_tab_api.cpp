@@ -1,5 +1,8 @@
 #include "tabs/safari_tab_api.h"
 
+#include <algorithm>
+#include <unordered_map>
+
 #include <boost/json/serialize.hpp>
 
 #include "core/context.h"
@@ -40,6 +43,26 @@ void enrich(Message& message, const TabState& state) {
   if (message.type == MessageType::ask && message.cmd == "messaging" && message.args) {
     fillMeta(*message.args, state);
   }
+}
+
+// Takes out of `pending` the replies that no page can answer any more:
+// each of their pages is gone or is `leaving` (which then forgets them).
+std::vector<PendingReply> takeUnanswerableFrom(std::unordered_map<std::string, PendingReply>& pending,
+                                           const SFSafariPage* leaving) {
+  std::vector<PendingReply> taken;
+  for (auto it = pending.begin(); it != pending.end();) {
+    std::erase_if(it->second.pages, [leaving](const WeakRef<SFSafariPage>& weak) {
+      auto page = weak.ref();
+      return !page || (leaving && page->isEqual(*leaving));
+    });
+    if (it->second.pages.empty()) {
+      taken.push_back(std::move(it->second));
+      it = pending.erase(it);
+    } else {
+      ++it;
+    }
+  }
+  return taken;
 }
 
 }  // namespace
@@ -148,12 +171,12 @@ void SafariTabAPI::deliverAsk(Message message, const std::shared_ptr<SFSafariPag
 }
 
 void SafariTabAPI::deliverAnswer(const Message& message) {
-  std::optional<ResultCallback> pending = callbacks_.removeValue(message.uid);
+  std::optional<PendingReply> pending = callbacks_.removeValue(message.uid);
   if (!pending) return;
   Result result = message.err    ? failure(*message.err)
                   : message.data ? success(*message.data)
                                  : successEmpty();
-  ThreadPool::shared().post([reply = std::move(*pending), result = std::move(result)]() mutable {
+  ThreadPool::shared().post([reply = std::move(pending->reply), result = std::move(result)]() mutable {
     reply(std::move(result));
   });
 }
@@ -322,12 +345,14 @@ std::shared_ptr<SFSafariPage> SafariTabAPI::findPage(const std::string& pageId) 
 
 std::string SafariTabAPI::pageIdentifier(const std::shared_ptr<SFSafariPage>& page) {
   const WeakRef<SFSafariPage> key(page);
+  std::vector<PendingReply> dropped;  // destroyed once the lock is released
   std::lock_guard lock(registryMutex_);
   if (auto found = pageCache_.get(key)) return found->value.id;
   // A page the browser has let go of can never be addressed again. Every
   // page message scans this cache, so it is kept to about the live pages:
   // each new page clears out the gone ones.
   pageCache_.removeWhere([](const auto& entry) { return entry.key.expired(); });
+  dropped = takeUnanswerable(nullptr);
   std::string id = newUUIDString();
   pageCache_.set(key, PageRecord{id});
   return id;
@@ -337,31 +362,59 @@ void SafariTabAPI::sendToTab(const std::string& tabId, const std::optional<std::
                              std::string cmd, std::optional<AnyValue> args, ResultCallback reply) {
   auto state = findTabState(tabId);
   if (!state) {
-    reply(failure("Tab not found for id " + tabId));
+    if (reply) reply(failure("Tab not found for id " + tabId));
     return;
   }
   auto tab = state->tab().ref();
-  // A closed tab has no page left to answer: its reply could never run, so
-  // it is not parked (the asker's own time-out ends the wait, as before).
-  // Parking it would only grow the table by one entry per ask to every
-  // closed tab the registry remembers (the storage relay asks them all).
+  // A closed tab has no page left to answer: nothing is sent or parked
+  // (the asker's own time-out ends the wait).
   if (!tab && !pageId) return;
   Message ask;
   ask.type = MessageType::ask;
   ask.uid = newUUIDString();
   ask.cmd = std::move(cmd);
   ask.args = std::move(args);
-  callbacks_.set(ask.uid, std::move(reply));
-  Dictionary userInfo = ask.build();
-
+  // The reply is parked before the ask leaves, so an answer always finds it.
+  auto send = [self = shared_from_this(), uid = ask.uid, userInfo = ask.build(),
+               reply = std::move(reply)](std::vector<std::shared_ptr<SFSafariPage>> pages) mutable {
+    std::erase(pages, nullptr);
+    if (pages.empty()) return;  // no page to answer: the reply could never run
+    if (reply) self->park(std::move(uid), std::move(reply), pages);
+    self->dispatchToPages(pages, userInfo);
+  };
   if (pageId) {
-    if (auto page = findPage(*pageId)) dispatchToPages({page}, userInfo);
+    auto page = findPage(*pageId);
+    send(page ? std::vector{std::move(page)} : std::vector<std::shared_ptr<SFSafariPage>>{});
     return;
   }
-  tab->getPages([self = shared_from_this(), userInfo = std::move(userInfo)](
-                    std::vector<std::shared_ptr<SFSafariPage>> pages) {
-    self->dispatchToPages(pages, userInfo);
+  tab->getPages(std::move(send));
+}
+
+void SafariTabAPI::park(std::string uid, ResultCallback reply,
+                        const std::vector<std::shared_ptr<SFSafariPage>>& pages) {
+  PendingReply pending{std::move(reply), {}};
+  for (const auto& page : pages) pending.pages.emplace_back(page);
+  // Replies of pages that closed are otherwise dropped when a new page
+  // turns up; sweeping each time the table doubles bounds it in between
+  // at a constant cost per ask. Dropped closures are destroyed off the
+  // table's queue.
+  std::vector<PendingReply> dropped = callbacks_.mutatingSync([&](auto& table) {
+    table.insert_or_assign(std::move(uid), std::move(pending));
+    std::vector<PendingReply> gone;
+    if (table.size() >= sweepAt_) {
+      gone = takeUnanswerableFrom(table, nullptr);
+      sweepAt_ = std::max<std::size_t>(64, 2 * table.size());
+    }
+    return gone;
   });
+}
+
+std::vector<PendingReply> SafariTabAPI::takeUnanswerable(const std::shared_ptr<SFSafariPage>& leaving) {
+  return callbacks_.mutatingSync([&](auto& table) { return takeUnanswerableFrom(table, leaving.get()); });
+}
+
+void SafariTabAPI::pageWillNavigate(const std::shared_ptr<SFSafariPage>& page) {
+  if (page) takeUnanswerable(page);
 }
 
 void SafariTabAPI::dispatchToPages(const std::vector<std::shared_ptr<SFSafariPage>>& pages,
