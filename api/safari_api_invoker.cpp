@@ -68,6 +68,9 @@ void SafariApiInvoker::invokeAPI(const std::string& cmd, const std::optional<Any
     return;
   }
   auto popup = context_.find<PopupController>();
+  if (!popup) {
+    if (auto maker = context_.find<PopupControllerMaker>()) popup = maker->make(context_);
+  }
   if (cmd == "extension.closePopup") {
     if (popup) popup->dismissPopover();
     callback(success(true));

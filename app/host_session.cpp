@@ -149,7 +149,10 @@ Dictionary HostSession::popoverState() const {
 void HostSession::reportConsole(const WebView& view, const webkit::ConsoleMessage& message) {
   // The extension's pages are the only web views the engine makes here.
   const auto background = backgroundWebView();
-  const auto popup = SafariExtensionViewController::shared()->webview();  // never loads it
+  // Looked up, never made: console output must not create the popup
+  // controller (the popup commands' first use does).
+  const auto controller = context_.find<SafariExtensionViewController>();
+  const auto popup = controller ? controller->webview() : nullptr;
   std::string source = "extension";
   if (&view == background.get()) {
     source = "background";

@@ -16,11 +16,12 @@
 //
 // Memory is taken after a warm-up and at the end, each time with the system
 // drained and every tab freshly replaced: resident size, the allocator's
-// heap, and the bytes of live objects (bench/soak_memory.h). What grows by
-// design is counted and measured by dropping it (replies parked for tabs
-// that can no longer answer; registry entries of closed tabs and pages);
-// what the live objects grow beyond that must stay within --max-growth
-// percent of resident memory after the warm-up.
+// heap, and the bytes of live objects (bench/soak_memory.h). The tab
+// registry's pending replies are counted there and must be none (nothing
+// is in flight). What grows by design is counted and measured by dropping
+// it (registry entries of closed tabs and pages); what the live objects
+// grow beyond that must stay within --max-growth percent of resident
+// memory after the warm-up.
 //
 // The harness owns the system under load (its context, the simulated
 // browser, the extension handler, the background page), the ledger, the
@@ -144,7 +145,7 @@ class Harness {
   std::size_t recordedPageMessages();
   struct Checkpoint {
     Memory memory;                // as the run left it
-    std::size_t parked = 0;       // replies parked for tabs that cannot answer
+    std::size_t parked = 0;       // replies parked in the tab registry
     Memory withoutParked;         // once those are dropped
     std::size_t closedTabs = 0;   // registry entries of closed tabs
     std::size_t closedPages = 0;  // and of pages that are gone

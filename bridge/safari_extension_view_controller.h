@@ -12,7 +12,10 @@
 //
 // It is the API's PopupController: "extension.setPopupHeight" changes the
 // preferred size (and the shown popover's), "extension.closePopup"
-// dismisses the popover.
+// dismisses the popover. The first popup command creates the shared
+// instance if nothing has yet (through the PopupControllerMaker the
+// extension handler installs), without loading its view: a height set
+// before the popover first shows is the height it first shows at.
 //
 // Thread-safe; loadViewIfNeeded and webview() are main queue only.
 #pragma once

@@ -10,6 +10,7 @@
 #include "host/global_state.h"
 #include "host/safari_messaging_api.h"
 #include "platform/bundle.h"
+#include "platform/popup_controller.h"
 #include "platform/safari_tab.h"
 #include "platform/safari_window.h"
 #include "platform/web_view.h"
@@ -20,8 +21,17 @@ namespace appex {
 
 std::shared_ptr<GlobalState> GlobalState::shared() { return Context::current().get<GlobalState>(); }
 
-SafariExtensionHandler::SafariExtensionHandler() : context_(Context::current()) {}
-SafariExtensionHandler::SafariExtensionHandler(Context& context) : context_(context) {}
+SafariExtensionHandler::SafariExtensionHandler() : SafariExtensionHandler(Context::current()) {}
+
+SafariExtensionHandler::SafariExtensionHandler(Context& context) : context_(context) {
+  // The popup commands reach the shared popup controller even before the
+  // popover first shows; the API cannot name the controller's type itself.
+  if (!context_.find<PopupControllerMaker>()) {
+    context_.set(std::make_shared<PopupControllerMaker>(PopupControllerMaker{[](Context& c) {
+      return std::static_pointer_cast<PopupController>(c.get<SafariExtensionViewController>());
+    }}));
+  }
+}
 
 void SafariExtensionHandler::messageReceivedWithName(const std::string& name,
                                                      std::shared_ptr<SFSafariPage> page,
@@ -75,11 +85,12 @@ void SafariExtensionHandler::popoverWillShowInWindow(std::shared_ptr<SFSafariWin
   webview->reload();
 }
 
-void SafariExtensionHandler::pageWillNavigateToURL(std::shared_ptr<SFSafariPage>,
+void SafariExtensionHandler::pageWillNavigateToURL(std::shared_ptr<SFSafariPage> page,
                                                    std::optional<std::string>) const {
   // The registry rebuilds a tab's snapshot when its content script asks
-  // "VALIDATE_TAB" after the load; the URL alone names no tab.
-  context_.get<SafariTabAPI>();
+  // "VALIDATE_TAB" after the load; the URL alone names no tab. What the
+  // leaving document was asked goes unanswered: its parked replies go.
+  context_.get<SafariTabAPI>()->pageWillNavigate(page);
 }
 
 }  // namespace appex

@@ -3,7 +3,8 @@
 //
 // It holds no state; every callback hands on to the Context's shared
 // objects (tab registry, toolbar API, router, popup view controller,
-// GlobalState). The first toolbar validation creates the background page
+// GlobalState). Making one installs, once per Context, how the API
+// makes the shared popup view controller (PopupControllerMaker). The first toolbar validation creates the background page
 // ("safari_background.html" in the bundle's web assets), once per process.
 //
 // The browser calls every callback on the main queue. The completions it

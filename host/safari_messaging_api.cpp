@@ -204,8 +204,10 @@ void SafariMessagingAPI::bindEventsForBackground() {
         // The loop keeps the snapshot alive: ranging over *snapshot() would
         // drop it at once, and writers could then change the elements read.
         const auto known = tabs->tabCache().list().snapshot();
+        // Nobody reads the tabs' answers, so no reply waits for them (a tab
+        // whose pages have no content script would never send one).
         for (const auto& entry : *known) {
-          tabs->sendToTab(*entry.value, std::nullopt, cmd, payload.value, ignoreResult);
+          tabs->sendToTab(*entry.value, std::nullopt, cmd, payload.value, nullptr);
         }
       }));
 }

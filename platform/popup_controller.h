@@ -6,7 +6,12 @@
 // Thread-safe.
 #pragma once
 
+#include <functional>
+#include <memory>
+
 namespace appex {
+
+class Context;
 
 // A size in points.
 struct Size {
@@ -24,6 +29,16 @@ class PopupController {
   virtual void setPreferredContentSize(Size size) = 0;
   // Closes the popover if it is shown.
   virtual void dismissPopover() = 0;
+};
+
+// Makes a Context's shared PopupController the first time the API needs one
+// and none is installed. The controller lives in a library that builds on
+// the API, so the host that links it installs the maker (the extension
+// handler does): the popup commands then act on the one shared controller
+// from the first command on, whether or not the popover was ever shown.
+// The maker installs what it makes as the Context's PopupController.
+struct PopupControllerMaker {
+  std::function<std::shared_ptr<PopupController>(Context&)> make;
 };
 
 }  // namespace appex

@@ -1,6 +1,7 @@
 #include "tabs/safari_tab_api.h"
 
 #include <algorithm>
+#include <unordered_map>
 
 #include <boost/json/serialize.hpp>
 
@@ -42,6 +43,26 @@ void enrich(Message& message, const TabState& state) {
   if (message.type == MessageType::ask && message.cmd == "messaging" && message.args) {
     fillMeta(*message.args, state);
   }
+}
+
+// Takes out of `pending` the replies that no page can answer any more:
+// each of their pages is gone or is `leaving` (which then forgets them).
+std::vector<PendingReply> takeUnanswerableFrom(std::unordered_map<std::string, PendingReply>& pending,
+                                           const SFSafariPage* leaving) {
+  std::vector<PendingReply> taken;
+  for (auto it = pending.begin(); it != pending.end();) {
+    std::erase_if(it->second.pages, [leaving](const WeakRef<SFSafariPage>& weak) {
+      auto page = weak.ref();
+      return !page || (leaving && page->isEqual(*leaving));
+    });
+    if (it->second.pages.empty()) {
+      taken.push_back(std::move(it->second));
+      it = pending.erase(it);
+    } else {
+      ++it;
+    }
+  }
+  return taken;
 }
 
 }  // namespace
@@ -151,12 +172,12 @@ void SafariTabAPI::deliverAsk(Message message, const std::shared_ptr<SFSafariPag
 }
 
 void SafariTabAPI::deliverAnswer(const Message& message) {
-  std::optional<ResultCallback> pending = callbacks_.removeValue(message.uid);
+  std::optional<PendingReply> pending = callbacks_.removeValue(message.uid);
   if (!pending) return;
   Result result = message.err    ? failure(*message.err)
                   : message.data ? success(*message.data)
                                  : successEmpty();
-  ThreadPool::shared().post([reply = std::move(*pending), result = std::move(result)]() mutable {
+  ThreadPool::shared().post([reply = std::move(pending->reply), result = std::move(result)]() mutable {
     reply(std::move(result));
   });
 }
@@ -345,6 +366,7 @@ std::shared_ptr<SFSafariPage> SafariTabAPI::findPage(const std::string& pageId) 
 
 std::string SafariTabAPI::pageIdentifier(const std::shared_ptr<SFSafariPage>& page) {
   const WeakRef<SFSafariPage> key(page);
+  std::vector<PendingReply> dropped;  // destroyed once the lock is released
   std::lock_guard lock(registryMutex_);
   if (auto found = pageCache_.get(key)) return found->value.id;
   // A page the browser has let go of can never be addressed again. The
@@ -355,6 +377,7 @@ std::string SafariTabAPI::pageIdentifier(const std::shared_ptr<SFSafariPage>& pa
     const std::size_t left = count - pageCache_.removeWhere([](const auto& entry) { return entry.key.expired(); });
     pageSweepAt_ = std::max<std::size_t>(2 * left, 1);
   }
+  dropped = takeUnanswerable(nullptr);
   std::string id = newUUIDString();
   pageCache_.set(key, PageRecord{id});
   return id;
@@ -364,7 +387,7 @@ void SafariTabAPI::sendToTab(const std::string& tabId, const std::optional<std::
                              std::string cmd, std::optional<AnyValue> args, ResultCallback reply) {
   auto state = findTabState(tabId);
   if (!state) {
-    reply(failure("Tab not found for id " + tabId));
+    if (reply) reply(failure("Tab not found for id " + tabId));
     return;
   }
   sendToTab(*state, pageId, std::move(cmd), std::move(args), std::move(reply));
@@ -373,27 +396,55 @@ void SafariTabAPI::sendToTab(const std::string& tabId, const std::optional<std::
 void SafariTabAPI::sendToTab(const TabState& state, const std::optional<std::string>& pageId, std::string cmd,
                              std::optional<AnyValue> args, ResultCallback reply) {
   auto tab = state.tab().ref();
-  // A closed tab has no page left to answer: its reply could never run, so
-  // it is not parked (the asker's own time-out ends the wait, as before).
-  // Parking it would only grow the table by one entry per ask to every
-  // closed tab the registry remembers (the storage relay asks them all).
+  // A closed tab has no page left to answer: nothing is sent or parked
+  // (the asker's own time-out ends the wait).
   if (!tab && !pageId) return;
   Message ask;
   ask.type = MessageType::ask;
   ask.uid = newUUIDString();
   ask.cmd = std::move(cmd);
   ask.args = std::move(args);
-  callbacks_.set(ask.uid, std::move(reply));
-  Dictionary userInfo = ask.build();
-
+  // The reply is parked before the ask leaves, so an answer always finds it.
+  auto send = [self = shared_from_this(), uid = ask.uid, userInfo = ask.build(),
+               reply = std::move(reply)](std::vector<std::shared_ptr<SFSafariPage>> pages) mutable {
+    std::erase(pages, nullptr);
+    if (pages.empty()) return;  // no page to answer: the reply could never run
+    if (reply) self->park(std::move(uid), std::move(reply), pages);
+    self->dispatchToPages(pages, userInfo);
+  };
   if (pageId) {
-    if (auto page = findPage(*pageId)) dispatchToPages({page}, userInfo);
+    auto page = findPage(*pageId);
+    send(page ? std::vector{std::move(page)} : std::vector<std::shared_ptr<SFSafariPage>>{});
     return;
   }
-  tab->getPages([self = shared_from_this(), userInfo = std::move(userInfo)](
-                    std::vector<std::shared_ptr<SFSafariPage>> pages) {
-    self->dispatchToPages(pages, userInfo);
+  tab->getPages(std::move(send));
+}
+
+void SafariTabAPI::park(std::string uid, ResultCallback reply,
+                        const std::vector<std::shared_ptr<SFSafariPage>>& pages) {
+  PendingReply pending{std::move(reply), {}};
+  for (const auto& page : pages) pending.pages.emplace_back(page);
+  // Replies of pages that closed are otherwise dropped when a new page
+  // turns up; sweeping each time the table doubles bounds it in between
+  // at a constant cost per ask. Dropped closures are destroyed off the
+  // table's queue.
+  std::vector<PendingReply> dropped = callbacks_.mutatingSync([&](auto& table) {
+    table.insert_or_assign(std::move(uid), std::move(pending));
+    std::vector<PendingReply> gone;
+    if (table.size() >= sweepAt_) {
+      gone = takeUnanswerableFrom(table, nullptr);
+      sweepAt_ = std::max<std::size_t>(64, 2 * table.size());
+    }
+    return gone;
   });
+}
+
+std::vector<PendingReply> SafariTabAPI::takeUnanswerable(const std::shared_ptr<SFSafariPage>& leaving) {
+  return callbacks_.mutatingSync([&](auto& table) { return takeUnanswerableFrom(table, leaving.get()); });
+}
+
+void SafariTabAPI::pageWillNavigate(const std::shared_ptr<SFSafariPage>& page) {
+  if (page) takeUnanswerable(page);
 }
 
 void SafariTabAPI::dispatchToPages(const std::vector<std::shared_ptr<SFSafariPage>>& pages,

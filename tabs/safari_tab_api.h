@@ -15,7 +15,11 @@
 // hands asks to `handler` (set by the router) with a reply closure that
 // answers the asking page only. Messages to tabs (sendToTab) park their
 // reply closure in `callbacks` under a new uid until the page's ANSWER
-// comes back; each runs once.
+// comes back; each runs once. A reply is parked only while a page it was
+// sent to can still answer: none is parked when nobody reads the answer or
+// no page got the ask, and one is dropped (never run) once each of its
+// pages is gone or has navigated away. The table thus holds no more than
+// the asks in flight to live pages.
 //
 // One instance per Context (shared()); it reaches the browser
 // (SFSafariApplication) and the window registry through that Context.
@@ -59,11 +63,18 @@ struct PageRecord {
   std::string id;  // a UUID made on the page's first message
 };
 
+// A reply waiting in `callbacks` for an answer from one of the pages its
+// ask was sent to.
+struct PendingReply {
+  ResultCallback reply;
+  std::vector<WeakRef<SFSafariPage>> pages;  // those that may still answer
+};
+
 class SafariTabAPI : public std::enable_shared_from_this<SafariTabAPI> {
  public:
   using TabCache = KeyValueSet<WeakRef<SFSafariTab>, std::shared_ptr<TabState>>;
   using PageCache = KeyValueSet<WeakRef<SFSafariPage>, PageRecord>;
-  using Callbacks = ThreadedDictionary<std::string, ResultCallback>;
+  using Callbacks = ThreadedDictionary<std::string, PendingReply>;
   // Receives every page ask other than "VALIDATE_TAB", with the closure that
   // answers the asking page.
   using Handler = std::function<void(Message, ResultCallback)>;
@@ -123,15 +134,22 @@ class SafariTabAPI : public std::enable_shared_from_this<SafariTabAPI> {
                      bool suppressUpdates, TabStateCompletion completion);
 
   // Sends the ask (cmd, args) to every page of the tab `tabId`, or with
-  // `pageId` to that one page, and parks `reply` until the page answers.
+  // `pageId` to that one page, and parks `reply` until a page answers.
   // An unknown tab id fails the reply at once with "Tab not found for id "
-  // + id; a page id that matches no page sends nothing.
+  // + id; a closed tab, or a page id that matches no page, sends nothing
+  // and parks nothing. An empty `reply` means nobody reads the answer (an
+  // event relayed to the tab): the ask is sent and nothing is parked.
   void sendToTab(const std::string& tabId, const std::optional<std::string>& pageId,
                  std::string cmd, std::optional<AnyValue> args, ResultCallback reply);
   // sendToTab to the tab of a snapshot already read from tabCache (no
   // lookup by id).
   void sendToTab(const TabState& state, const std::optional<std::string>& pageId, std::string cmd,
                  std::optional<AnyValue> args, ResultCallback reply);
+
+  // `page` is about to load another document: the asks its current one
+  // was sent will not be answered. Replies that waited on it alone, or
+  // else only on pages that are gone, are dropped without running.
+  void pageWillNavigate(const std::shared_ptr<SFSafariPage>& page);
 
   // Sends `userInfo` under kMessageName to each page, in order.
   void dispatchToPages(const std::vector<std::shared_ptr<SFSafariPage>>& pages,
@@ -158,7 +176,8 @@ class SafariTabAPI : public std::enable_shared_from_this<SafariTabAPI> {
   std::shared_ptr<SFSafariPage> findPage(const std::string& pageId) const;
   // The page's identifier, made on first sight. New pages also drop the
   // entries of pages that no longer exist (whenever the cache has doubled
-  // since they last did): those identifiers find nothing.
+  // since they last did: those identifiers find nothing), and the replies
+  // that waited only on such pages.
   std::string pageIdentifier(const std::shared_ptr<SFSafariPage>& page);
 
   // Tab commands, once their arguments are valid. Each calls `completion`
@@ -204,6 +223,12 @@ class SafariTabAPI : public std::enable_shared_from_this<SafariTabAPI> {
   void deliverAsk(Message message, const std::shared_ptr<SFSafariPage>& page);
   void deliverAnswer(const Message& message);
   void validateTab(const Message& message, const std::shared_ptr<SFSafariPage>& page);
+  // Parks `reply` under `uid` for an ask sent to `pages` (not empty). Now
+  // and then (as the table doubles) drops the replies of gone pages.
+  void park(std::string uid, ResultCallback reply, const std::vector<std::shared_ptr<SFSafariPage>>& pages);
+  // Takes out the parked replies whose every page is gone or is `leaving`
+  // (may be nullptr); the caller lets them go where it holds no lock.
+  std::vector<PendingReply> takeUnanswerable(const std::shared_ptr<SFSafariPage>& leaving);
 
   Context& context_;
   const std::shared_ptr<Emitter> emitter_;
@@ -213,6 +238,9 @@ class SafariTabAPI : public std::enable_shared_from_this<SafariTabAPI> {
   TabCache removedTabs_;
   PageCache pageCache_;
   Callbacks callbacks_;
+  // The table size at which park() next drops the replies of gone pages;
+  // touched only inside callbacks_' queue.
+  std::size_t sweepAt_ = 64;
 
   mutable std::mutex handlerMutex_;
   Handler handler_;  // guarded by handlerMutex_

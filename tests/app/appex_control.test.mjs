@@ -411,11 +411,18 @@ describe('a second run on the same data folder', () => {
 });
 
 describe('Ctrl-C', () => {
-  it('ends a run (the example, without a bundle named) with exit 0', async () => {
+  it('ends a run (the example, without a bundle named) with exit 0; its first popover shows at the height set before', async () => {
     const host = new Host(['run', '--control', '--data-dir', join(scratch, 'data-3')]);
     try {
       await host.waitFor('ready', {}, { timeoutMs: 30_000 });
       assert.equal(await host.call('eval', { code: 'appex.extension.info().then((info) => info.version)' }), '1.0.0.3');
+      // A height the background page sets before the popover ever showed is
+      // the height it first shows at.
+      assert.equal(await host.call('eval', { code: 'appex.extension.setPopupHeight(250)' }), true);
+      const since = host.mark();
+      await host.call('clickToolbar');
+      const shown = await host.waitFor('popover', { shown: true }, { since });
+      assert.deepEqual([shown.width, shown.height], [430, 250]);
       process.kill(-host.pid, 'SIGINT');  // as a terminal sends it: to the whole group
       await assertCleanExit(host);
     } finally {

@@ -39,6 +39,7 @@ TEST_F(EventsTest, AStorageChangeReachesTheBackgroundThePopupAndEveryKnownTab) {
   turnFor(100ms);
   for (const auto& p : {page, frame, tabB->activePage()}) EXPECT_EQ(asksFor(*p, "storage.onChanged").size(), 2u);
   EXPECT_TRUE(received(*unknown->activePage()).empty()) << "a tab the extension never met hears nothing";
+  EXPECT_EQ(tabs()->callbacks().count(), 0u) << "nobody waits for the pages' answers to an event";
 }
 
 TEST_F(EventsTest, NewTabsAndTheirUpdatesReachTheBackgroundPage) {

@@ -164,6 +164,35 @@ TEST_F(RoutingTest, TheBackgroundPageReachesATabAndOneOfItsPages) {
   EXPECT_EQ(route(bg, "no-such-tab", "whereAreYou"), failed("Tab not found for id no-such-tab"));
 }
 
+// An ask to a tab waits for its answer only while a page that got it can
+// still give one: pages that navigate away or go away let their asks go.
+// The asker's own time-out ends its wait, as for any unanswered ask.
+TEST_F(RoutingTest, AsksNoPageCanAnswerAnyMoreAreLetGo) {
+  auto frame = tab->addPage("https://site.test/frame");  // neither page answers
+  auto other = window->addTab("https://other.test/", "Other");
+  auto bg = startBackground();
+  introduce(page);
+  introduce(other->activePage());
+  const std::string tabId = tabs()->cachedTabState(tab)->id();
+  const std::string otherId = tabs()->cachedTabState(other)->id();
+  auto parked = [&] { return tabs()->callbacks().count(); };
+
+  const std::string toTab = send(bg, "messaging", request(tabId, "hello"));
+  send(bg, "messaging", request(otherId, "hello"));
+  ASSERT_TRUE(turnUntil([&] { return parked() == 2; })) << parked();
+  handler.pageWillNavigateToURL(page, "https://site.test/b");
+  EXPECT_EQ(parked(), 2u) << "the frame may still answer";
+  handler.pageWillNavigateToURL(frame, std::nullopt);
+  EXPECT_EQ(parked(), 1u);
+  EXPECT_EQ(outcome(bg, toTab), pending());
+
+  other->close();
+  other.reset();
+  ASSERT_TRUE(sim->waitForIdle());
+  introduce(window->addTab("https://new.test/", "New")->activePage());
+  EXPECT_EQ(parked(), 0u) << "a closed tab's pages answer nothing";
+}
+
 // Each refused request writes its one log line and is never answered, from
 // whichever side it comes.
 TEST_F(RoutingTest, RefusedRequestsAreLoggedAndNeverAnswered) {

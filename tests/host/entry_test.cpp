@@ -47,16 +47,6 @@ TEST_F(EntryTest, PopoverLoadsOnceAndReloadsOnEveryShowing) {
   EXPECT_EQ(views[0]->reloads, 2);
 }
 
-TEST_F(EntryTest, PopupCommandsResizeAndDismissThePopover) {
-  auto controller = handler.popoverViewController();
-  auto popover = context_.get<Popover>();
-  popover->show(controller->preferredContentSize());
-  EXPECT_EQ(invoke("extension.setPopupHeight", AnyValue(300)).value(), AnyValue(true));
-  EXPECT_EQ(popover->state(), (Popover::State{true, {430, 300}}));
-  EXPECT_EQ(invoke("extension.closePopup").value(), AnyValue(true));
-  EXPECT_FALSE(popover->state().shown);
-}
-
 TEST_F(EntryTest, OnlyTheExactMessageNameIsTaken) {
   auto tab = window->addTab("https://a.test/", "A", true);
   Message ask{MessageType::ask, "v", {}, {}, "VALIDATE_TAB", {}, 0};
