@@ -91,9 +91,12 @@ struct WebKitWindow::Impl {
   GtkWidget* notebook = nullptr;
   GtkWidget* location = nullptr;
   GtkWidget* button = nullptr;
-  GtkWidget* buttonImage = nullptr;
-  GtkWidget* buttonLabel = nullptr;
-  GtkWidget* badge = nullptr;
+  GtkWidget* buttonFace = nullptr;  // draws the item (toolbar_face.h)
+  // The item's icon as last rendered for the button, with its file and
+  // scale.
+  cairo_surface_t* buttonIcon = nullptr;
+  std::string buttonIconPath;
+  int buttonIconScale = 0;
 
   std::vector<std::shared_ptr<WebKitTab>> tabs;
   std::weak_ptr<WebKitTab> activeTab;
@@ -115,6 +118,9 @@ struct WebKitWindow::Impl {
   void closeNow();
   // Redraws the toolbar button from the item (posted on change).
   void refreshButton();
+  // The rendered icon for the button's scale, re-rendered when the item's
+  // image or the scale changed; nullptr without one.
+  cairo_surface_t* iconForButton();
   void refreshLocation();
 };
 

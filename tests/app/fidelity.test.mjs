@@ -1,0 +1,139 @@
+// The browser behaviour an extension meets in appex is the one it meets in
+// users' hands: its toolbar button as drawn (PDF icons at 1x and 2x, the
+// badge pill, the label), the popover's life, pages that open tabs and
+// windows, private windows' shared session. Driven through `appex run
+// --control` on real WebKit (under xvfb-run), with the example bundle.
+//
+// Environment (set by the ctest registration): APPEX_BIN, APPEX_EXAMPLE,
+// APPEX_SITE.
+
+import assert from 'node:assert/strict';
+import { mkdtempSync, readFileSync, rmSync } from 'node:fs';
+import { tmpdir } from 'node:os';
+import { join } from 'node:path';
+import { after, before, describe, it } from 'node:test';
+import { inflateSync } from 'node:zlib';
+
+import { Host, appexBin, exampleBundle, exampleSite } from './appex_host.mjs';
+
+assert.ok(appexBin && exampleBundle && exampleSite, 'APPEX_BIN, APPEX_EXAMPLE and APPEX_SITE must be set');
+
+const scratch = mkdtempSync(join(tmpdir(), 'appex-fidelity-'));
+after(() => rmSync(scratch, { recursive: true, force: true }));
+
+// An 8-bit RGB or RGBA PNG (what cairo writes) as {width, height, at(x, y) -> [r, g, b]}.
+function readPNG(path) {
+  const file = readFileSync(path);
+  let width = 0;
+  let height = 0;
+  let channels = 0;
+  const data = [];
+  for (let at = 8; at < file.length;) {
+    const length = file.readUInt32BE(at);
+    const type = file.toString('latin1', at + 4, at + 8);
+    const body = file.subarray(at + 8, at + 8 + length);
+    if (type === 'IHDR') {
+      [width, height] = [body.readUInt32BE(0), body.readUInt32BE(4)];
+      assert.ok(body[8] === 8 && [2, 6].includes(body[9]) && body[12] === 0, 'an 8-bit RGB(A) PNG, not interlaced');
+      channels = body[9] === 6 ? 4 : 3;
+    }
+    if (type === 'IDAT') data.push(body);
+    at += 12 + length;
+  }
+  const raw = inflateSync(Buffer.concat(data));
+  const stride = width * channels;
+  const pixels = Buffer.alloc(stride * height);
+  for (let y = 0; y < height; ++y) {
+    const filter = raw[y * (stride + 1)];
+    const line = raw.subarray(y * (stride + 1) + 1, (y + 1) * (stride + 1));
+    for (let i = 0; i < stride; ++i) {
+      const left = i >= channels ? pixels[y * stride + i - channels] : 0;
+      const up = y > 0 ? pixels[(y - 1) * stride + i] : 0;
+      const corner = i >= channels && y > 0 ? pixels[(y - 1) * stride + i - channels] : 0;
+      const p = left + up - corner;
+      const [pa, pb, pc] = [Math.abs(p - left), Math.abs(p - up), Math.abs(p - corner)];
+      const paeth = pa <= pb && pa <= pc ? left : pb <= pc ? up : corner;
+      const predicted = [0, left, up, (left + up) >> 1, paeth][filter];
+      pixels[y * stride + i] = (line[i] + predicted) & 0xff;
+    }
+  }
+  return { width, height, at: (x, y) => [...pixels.subarray(y * stride + x * channels, y * stride + x * channels + 3)] };
+}
+
+// The bounding box of the pixels `match` accepts, within rows [0, maxY).
+function boxOf(png, match, maxY = png.height) {
+  let box = null;
+  for (let y = 0; y < maxY; ++y) {
+    for (let x = 0; x < png.width; ++x) {
+      if (!match(png.at(x, y))) continue;
+      box ??= { left: x, top: y, right: x, bottom: y };
+      box.left = Math.min(box.left, x);
+      box.right = Math.max(box.right, x);
+      box.bottom = y;
+    }
+  }
+  return box && { ...box, width: box.right - box.left + 1, height: box.bottom - box.top + 1 };
+}
+
+// The example's icon, logo-grey.pdf: a 50% grey square of 24 x 24 points on
+// a 32-point page, so 12 x 12 points on the 16-point button.
+const iconGrey = ([r, g, b]) => Math.abs(r - 128) <= 2 && Math.abs(g - 128) <= 2 && Math.abs(b - 128) <= 2;
+const badgeRed = ([r, g, b]) => r > 200 && g < 90 && b < 90;
+
+describe('the toolbar button as drawn', () => {
+  let host;
+  before(async () => {
+    host = new Host(['run', exampleBundle, '--control', '--data-dir', join(scratch, 'toolbar-data'), '--serve',
+      exampleSite, '--open', 'index.html']);
+    await host.waitFor('ready', {}, { timeoutMs: 30_000 });
+  });
+  after(() => host?.kill());
+
+  it('draws the PDF icon at 1x and 2x, the badge as a red pill at its top-right, the label under it', async () => {
+    await host.waitEvent((e) => e.event === 'toolbar' && /^\d+$/.test(e.badgeText ?? ''), { what: 'the badge' });
+    const shapes = {};
+    for (const scale of [1, 2]) {
+      const path = join(scratch, `toolbar@${scale}x.png`);
+      const result = await host.call('snapshot', { of: 'toolbar', path, scale });
+      const png = readPNG(path);
+      assert.deepEqual([png.width, png.height], [result.width, result.height]);
+      // The icon, rendered for this scale: sharp edges at 12 points.
+      const icon = boxOf(png, iconGrey, 21 * scale);
+      assert.ok(icon, `no icon drawn at ${scale}x`);
+      assert.deepEqual([icon.width, icon.height], [12 * scale, 12 * scale], `icon at ${scale}x`);
+      // The badge: a pill above and right of the icon's middle.
+      const badge = boxOf(png, badgeRed);
+      assert.ok(badge, `no badge at ${scale}x`);
+      assert.ok(badge.top < icon.top && badge.left > icon.left + 4 * scale && badge.right > icon.right,
+        `badge ${JSON.stringify(badge)} is not at the top-right of icon ${JSON.stringify(icon)}`);
+      // White text on it.
+      assert.ok(boxOf(png, ([r, g, b]) => r > 240 && g > 240 && b > 240, badge.bottom), 'no badge text');
+      shapes[scale] = png;
+    }
+    assert.deepEqual([shapes[2].width, shapes[2].height], [shapes[1].width * 2, shapes[1].height * 2]);
+
+    // A new window's button still has the label of Info.plist ("Word Count"):
+    // dark text under the icon, wider than it; no badge.
+    const { window } = await host.call('openWindow', { url: 'about:blank' });
+    const labelled = join(scratch, 'toolbar-label.png');
+    await host.call('snapshot', { of: 'toolbar', path: labelled, window, scale: 1 });
+    const png = readPNG(labelled);
+    const icon = boxOf(png, iconGrey, 21);
+    const label = boxOf(png, ([r, g, b]) => r < 90 && g < 90 && b < 90);
+    assert.ok(icon && label && label.top > icon.bottom && label.width > 2 * icon.width,
+      `label ${JSON.stringify(label)} under icon ${JSON.stringify(icon)}`);
+    assert.equal(boxOf(png, badgeRed), null, 'a badge without badge text');
+    await host.call('closeWindow', { window });
+
+    // A PNG icon set by the extension replaces the PDF.
+    await host.call('eval', { code: `appex.tabs.query({active: true, currentWindow: true})
+      .then(([tab]) => appex.browserAction.setIcon({path: 'icons/active.png', tabId: tab.id}))` });
+    await host.waitEvent((e) => e.event === 'toolbar' && /active\.png$/.test(e.image ?? ''), { what: 'the new icon' });
+    const path = join(scratch, 'toolbar-png-icon.png');
+    await host.call('snapshot', { of: 'toolbar', path, scale: 1 });
+    assert.equal(boxOf(readPNG(path), iconGrey, 21), null, 'the PDF icon is still drawn');
+
+    assert.match(await host.failure('snapshot', { of: 'toolbar', path, scale: 3 }), /"scale" is 1 or 2/);
+    assert.match(await host.failure('snapshot', { of: 'toolbar', path, window: 'w9' }), /no window w9/);
+  });
+});
