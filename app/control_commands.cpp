@@ -161,6 +161,16 @@ void addControlCommands(ControlChannel& channel, HostSession& s, std::function<v
     s.context().get<Popover>()->dismiss();
     reply(success(true));
   });
+  channel.add("clickOutside", [&s](const Dictionary& r, ResultCallback reply) {
+    std::shared_ptr<WebKitWindow> w;
+    if (param(r, "window")) {
+      std::string error;
+      w = windowFor(s, r, &error);
+      if (!w) return reply(failure(error));
+    }
+    if (!s.browser().clickOutsidePopover(w)) return reply(failure("the popover is not shown"));
+    reply(success(true));
+  });
   channel.add("toolbar", [&s](const Dictionary& r, ResultCallback reply) {
     std::string error;
     auto w = windowFor(s, r, &error);

@@ -77,6 +77,11 @@ struct WebKitBrowser::Impl {
   // Follows the Context's Popover.
   void applyPopover(const Popover::State& state);
   void hidePopover();
+  // The popover closes when anything but it takes the user's attention:
+  // another window becomes active, the active tab of its window changes, a
+  // click lands outside it.
+  void closePopoverFor(const WebKitWindow::Impl* window);
+  bool popoverShown() const;
   std::uint64_t nextSerial() { return ++serial; }
 };
 

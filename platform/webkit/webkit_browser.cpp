@@ -53,6 +53,14 @@ gboolean onPopoverKey(GtkWidget*, GdkEventKey* event, gpointer data) {
   return TRUE;
 }
 
+// While the popover is shown it holds the grab: a click anywhere else in the
+// browser's windows comes here first, and closes it.
+gboolean onPopoverButtonPress(GtkWidget* popoverWindow, GdkEventButton* event, gpointer data) {
+  if (gdk_window_get_toplevel(event->window) == gtk_widget_get_window(popoverWindow)) return FALSE;
+  static_cast<WebKitBrowser::Impl*>(data)->context.get<Popover>()->dismiss();
+  return TRUE;
+}
+
 // A content script's console message, from the tab's web process: to the
 // console observer, with the tab whose view it came from.
 gboolean onConsoleMessage(WebKitWebView* view, WebKitUserMessage* message, gpointer data) {
@@ -247,6 +255,30 @@ PixelSize WebKitBrowser::popoverViewSize() const {
           gtk_widget_get_allocated_height(GTK_WIDGET(popover.view))};
 }
 
+bool WebKitBrowser::clickOutsidePopover(const std::shared_ptr<WebKitWindow>& window) {
+  auto& impl = *impl_;
+  auto owner = impl.popover.owner.lock();
+  if (!impl.popoverShown() || !owner) return false;
+  auto target = window ? window : owner;
+  GtkWidget* toplevel = target->internals().window;
+  GdkWindow* surface = toplevel ? gtk_widget_get_window(toplevel) : nullptr;
+  if (surface && impl.popover.window && gtk_widget_get_visible(impl.popover.window)) {
+    // A press at the window's top-left corner, far from the button the
+    // popover hangs from, delivered as the display would deliver it.
+    GdkEvent* press = gdk_event_new(GDK_BUTTON_PRESS);
+    press->button.window = GDK_WINDOW(g_object_ref(surface));
+    press->button.send_event = TRUE;
+    press->button.time = GDK_CURRENT_TIME;
+    press->button.x = press->button.y = 2;
+    press->button.button = 1;
+    gdk_event_set_device(press, gdk_seat_get_pointer(gdk_display_get_default_seat(gdk_window_get_display(surface))));
+    gtk_main_do_event(press);
+    gdk_event_free(press);
+  }
+  impl.focus(target);
+  return true;
+}
+
 void WebKitBrowser::snapshotPopover(std::string pngPath, SnapshotCompletion completion) {
   if (!impl_->popover.view) {
     completion(std::unexpected(std::string("the popover is not shown")));
@@ -335,6 +367,7 @@ void WebKitBrowser::Impl::forgetWindow(const WebKitWindow::Impl* window) {
 void WebKitBrowser::Impl::focus(const std::shared_ptr<WebKitWindow>& window) {
   if (!window || window->internals().closed) return;
   if (std::find(windows.begin(), windows.end(), window) == windows.end()) return;
+  if (popoverShown() && popover.owner.lock() != window) context.get<Popover>()->dismiss();
   activeWindow = window;
   requestValidation(window);
 }
@@ -403,6 +436,7 @@ void WebKitBrowser::Impl::applyPopover(const Popover::State& state) {
       gtk_window_set_skip_taskbar_hint(GTK_WINDOW(popover.window), TRUE);
     }
     g_signal_connect(popover.window, "key-press-event", G_CALLBACK(&onPopoverKey), this);
+    g_signal_connect(popover.window, "button-press-event", G_CALLBACK(&onPopoverButtonPress), this);
   }
   WebKitWebView* view = engineView->webkitWebView();
   if (popover.view != view) {
@@ -439,6 +473,7 @@ void WebKitBrowser::Impl::applyPopover(const Popover::State& state) {
     }
   }
   gtk_widget_show_all(popover.window);
+  if (!gtk_widget_has_grab(popover.window)) gtk_grab_add(popover.window);
 }
 
 void WebKitBrowser::Impl::hidePopover() {
@@ -455,9 +490,19 @@ void WebKitBrowser::Impl::hidePopover() {
     popover.view = nullptr;
     popover.home = nullptr;
   }
-  if (popover.window) gtk_widget_hide(popover.window);
+  if (popover.window) {
+    if (gtk_widget_has_grab(popover.window)) gtk_grab_remove(popover.window);
+    gtk_widget_hide(popover.window);
+  }
   popover.owner.reset();
   popover.content.reset();
+}
+
+bool WebKitBrowser::Impl::popoverShown() const { return popover.view && context.get<Popover>()->state().shown; }
+
+void WebKitBrowser::Impl::closePopoverFor(const WebKitWindow::Impl* window) {
+  auto owner = popover.owner.lock();
+  if (popoverShown() && owner && &owner->internals() == window) context.get<Popover>()->dismiss();
 }
 
 }  // namespace appex::webkit

@@ -41,8 +41,10 @@ void onSwitchPage(GtkNotebook*, GtkWidget* page, guint, gpointer data) {
   auto self = impl->self.lock();
   auto browser = impl->browser.lock();
   if (!tab || !self || !browser) return;
+  const bool changed = impl->activeTab.lock() != tab;
   impl->activeTab = tab;
   impl->refreshLocation();
+  if (changed) browser->internals().closePopoverFor(impl);
   browser->internals().focus(self);
 }
 
@@ -212,6 +214,9 @@ std::shared_ptr<WebKitTab> Impl::addTab(const std::string& url, bool makeActive)
 }
 
 void Impl::setActive(const std::shared_ptr<WebKitTab>& tab) {
+  if (activeTab.lock() != tab) {
+    if (auto browserObject = browser.lock()) browserObject->internals().closePopoverFor(this);
+  }
   activeTab = tab;
   const int position = gtk_notebook_page_num(GTK_NOTEBOOK(notebook), GTK_WIDGET(tab->internals().view));
   rearranging = true;

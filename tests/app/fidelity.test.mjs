@@ -137,3 +137,52 @@ describe('the toolbar button as drawn', () => {
     assert.match(await host.failure('snapshot', { of: 'toolbar', path, window: 'w9' }), /no window w9/);
   });
 });
+
+describe('the popover closes as the real one does', () => {
+  let host;
+  before(async () => {
+    host = new Host(['run', exampleBundle, '--control', '--data-dir', join(scratch, 'popover-data')]);
+    await host.waitFor('ready', {}, { timeoutMs: 30_000 });
+  });
+  after(() => host?.kill());
+
+  async function open() {
+    const since = host.mark();
+    await host.call('clickToolbar', { window: 'w1' });
+    await host.waitFor('popover', { shown: true }, { since });
+  }
+  async function closedBy(what, action) {
+    const since = host.mark();
+    await action();
+    await host.waitFor('popover', { shown: false }, { since, timeoutMs: 5_000 }).catch(() => {
+      throw new Error(`${what} left the popover open`);
+    });
+    assert.equal((await host.call('popover')).shown, false, what);
+  }
+
+  it('on a click outside it, another active tab or window; the next opening starts afresh', async () => {
+    assert.match(await host.failure('clickOutside'), /the popover is not shown/);
+
+    await open();
+    await host.call('eval', { in: 'popup', code: 'window.kept = 1' });
+    await closedBy('a click outside', () => host.call('clickOutside'));
+    // Shown again, the popup page starts over.
+    await open();
+    await host.until(() => host.call('eval', { in: 'popup', code: 'typeof window.kept === "undefined"' }), 5_000,
+      'a fresh popup page');
+    await closedBy('a click outside', () => host.call('clickOutside', { window: 'w1' }));
+
+    const { tab } = await host.call('openTab', { url: 'about:blank', active: false });
+    await open();
+    await closedBy('another active tab', () => host.call('activateTab', { tab }));
+
+    await open();
+    const { window } = await host.call('openWindow', { url: 'about:blank' });
+    await host.until(async () => !(await host.call('popover')).shown, 5_000, 'a new window to close the popover');
+    // A click in another window.
+    await host.call('activateTab', { tab: 't1' });
+    await open();
+    await closedBy('a click in another window', () => host.call('clickOutside', { window }));
+    assert.match(await host.failure('clickOutside', { window: 'w9' }), /no window w9/);
+  });
+});
