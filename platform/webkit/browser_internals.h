@@ -59,16 +59,31 @@ struct WebKitBrowser::Impl {
   std::shared_ptr<ExtensionCallbacks> callbacks;
   ConsoleObserver consoleObserver;
   std::vector<std::shared_ptr<WebKitWindow>> windows;
+  // Tabs a page opened whose engine has not yet said where to show them.
+  struct OpeningTab {
+    std::shared_ptr<WebKitTab> tab;
+    bool fromLink = false;  // a link's target, not window.open
+    PixelSize openerSize;   // of the opener's window, when it was opened
+  };
+  std::vector<OpeningTab> openingTabs;
   std::weak_ptr<WebKitWindow> activeWindow;
   PopoverHost popover;
   bool shutDown = false;
   std::uint64_t serial = 0;
 
   // A web view for a tab: the tab context, the content scripts and style
-  // sheets, ephemeral for private windows.
-  WebKitWebView* makeTabView(bool isPrivate);
+  // sheets, ephemeral for private windows. With `related`, the view a page
+  // opens from `related`'s page (window.open, target=_blank): same context,
+  // session, scripts and style sheets as `related`.
+  WebKitWebView* makeTabView(bool isPrivate, WebKitWebView* related = nullptr);
   std::shared_ptr<WebKitWindow> makeWindow(bool isPrivate);
   void forgetWindow(const WebKitWindow::Impl* window);
+  // A page of `opener` opens a new browsing context: a new tab's view, kept
+  // aside until the engine is ready to show it; then a tab of the opener's
+  // window, made active, or a window of its own when window.open asked for
+  // a popup-style window (a size among its features).
+  WebKitWebView* openFromPage(const std::shared_ptr<WebKitTab>& opener, WebKitNavigationAction* action);
+  void showOpened(OpeningTab opening);
   void focus(const std::shared_ptr<WebKitWindow>& window);
   // Asks for one validation of the window's toolbar item, soon.
   void requestValidation(const std::shared_ptr<WebKitWindow>& window);
@@ -116,6 +131,8 @@ struct WebKitWindow::Impl {
   void build(bool offscreen);
   // Adds a new tab's view to the notebook.
   std::shared_ptr<WebKitTab> addTab(const std::string& url, bool makeActive);
+  // Puts a made tab (of this window) into the notebook.
+  void insertTab(const std::shared_ptr<WebKitTab>& tab, bool makeActive);
   // Shows `tab` (one of ours) as the active tab.
   void setActive(const std::shared_ptr<WebKitTab>& tab);
   // Takes a closing tab and its view out; picks the next active tab.
@@ -144,9 +161,10 @@ struct WebKitTab::Impl {
   std::vector<gulong> signals;
 
   // A new tab of `window` (not yet in its notebook), its view loading
-  // nothing yet.
+  // nothing yet; `view` (made by makeTabView, owned from then on by the
+  // tab's window) when the engine made the view.
   static std::shared_ptr<WebKitTab> make(const std::shared_ptr<WebKitWindow>& window,
-                                         WebKitBrowser::Impl& browser);
+                                         WebKitBrowser::Impl& browser, WebKitWebView* view = nullptr);
   void load(const std::string& url);
   // Closes the page and lets go of the view's signals; the window removes
   // the view itself.

@@ -201,6 +201,12 @@ std::shared_ptr<WebKitTab> Impl::addTab(const std::string& url, bool makeActive)
   auto browserObject = browser.lock();
   if (!owner || !browserObject || closed) return nullptr;
   auto tab = WebKitTab::Impl::make(owner, browserObject->internals());
+  insertTab(tab, makeActive);
+  tab->internals().load(url);
+  return tab;
+}
+
+void Impl::insertTab(const std::shared_ptr<WebKitTab>& tab, bool makeActive) {
   auto& t = tab->internals();
   gtk_widget_show(GTK_WIDGET(t.view));
   rearranging = true;
@@ -209,8 +215,6 @@ std::shared_ptr<WebKitTab> Impl::addTab(const std::string& url, bool makeActive)
   rearranging = false;
   tabs.push_back(tab);
   if (makeActive || tabs.size() == 1) setActive(tab);
-  t.load(url);
-  return tab;
 }
 
 void Impl::setActive(const std::shared_ptr<WebKitTab>& tab) {

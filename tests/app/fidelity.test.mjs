@@ -186,3 +186,40 @@ describe('the popover closes as the real one does', () => {
     assert.match(await host.failure('clickOutside', { window: 'w9' }), /no window w9/);
   });
 });
+
+describe('pages that open tabs and windows', () => {
+  let host;
+  before(async () => {
+    host = new Host(['run', exampleBundle, '--control', '--data-dir', join(scratch, 'open-data'), '--serve', exampleSite,
+      '--open', 'index.html']);
+    await host.waitFor('ready', {}, { timeoutMs: 30_000 });
+    await host.until(async () => (await host.call('listTabs'))[0]?.title === 'A page to count', 10_000, 'the page');
+  });
+  after(() => host?.kill());
+
+  // What `code` opens from t1's page: the new tab, its window, and the
+  // extension's content script running in it.
+  async function opened(code, query) {
+    const since = host.mark();
+    await host.call('eval', { in: 'tab', tab: 't1', world: 'page', code: `${code}; 0` });
+    const { tab, window } = await host.waitFor('tabOpened', {}, { since });
+    await host.until(async () => (await host.call('listTabs')).find((t) => t.tab === tab && t.active &&
+      t.url?.endsWith(query)), 10_000, `the tab at ${query}, active`);
+    await host.until(async () => await host.call('eval', { in: 'tab', tab, code: 'typeof appex' }) === 'object',
+      10_000, `the content script in ${query}`);
+    // The extension hears of the tab (the example logs tabs.onCreate).
+    await host.waitEvent((e) => e.event === 'console' && e.source === 'background' && e.text.startsWith('tab opened: '),
+      { since, what: 'tabs.onCreate' });
+    return window;
+  }
+
+  it('a link with target=_blank and window.open open a tab in the same window, a popup-style window.open a window', async () => {
+    assert.equal(await opened(`const a = document.createElement('a'); a.href = 'index.html?blank'; a.target = '_blank';
+      document.body.append(a); a.click()`, '?blank'), 'w1');
+    assert.equal(await opened("window.open('index.html?tab')", '?tab'), 'w1');
+    const popup = await opened("window.open('index.html?popup', 'pop', 'width=400,height=300')", '?popup');
+    assert.notEqual(popup, 'w1');
+    assert.deepEqual((await host.call('listTabs')).filter((t) => t.window === popup).map((t) => t.url.split('?')[1]),
+      ['popup']);
+  });
+});
