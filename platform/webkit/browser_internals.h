@@ -54,6 +54,12 @@ struct WebKitBrowser::Impl {
   ContentRules rules;
   std::string baseURI;
   WebKitWebContext* webContext = nullptr;
+  // The private windows' tab context: one session for all of them, in
+  // memory, made with the first private window and let go with the last.
+  WebKitWebContext* privateContext = nullptr;
+  std::string modulesDirectory;
+  std::string bundleIdentifier;
+  std::string resourcesFolder;
   std::vector<WebKitUserScript*> scripts;
   std::vector<WebKitUserStyleSheet*> styleSheets;
   std::shared_ptr<ExtensionCallbacks> callbacks;
@@ -71,8 +77,12 @@ struct WebKitBrowser::Impl {
   bool shutDown = false;
   std::uint64_t serial = 0;
 
-  // A web view for a tab: the tab context, the content scripts and style
-  // sheets, ephemeral for private windows. With `related`, the view a page
+  // A tab context over `data` (taken), with the web-process module and the
+  // base URI scheme.
+  WebKitWebContext* makeTabContext(WebKitWebsiteDataManager* data);
+  WebKitWebContext* contextFor(bool isPrivate);
+  // A web view for a tab: the tab context (the private one for private
+  // windows), the content scripts and style sheets. With `related`, the view a page
   // opens from `related`'s page (window.open, target=_blank): same context,
   // session, scripts and style sheets as `related`.
   WebKitWebView* makeTabView(bool isPrivate, WebKitWebView* related = nullptr);
@@ -84,7 +94,9 @@ struct WebKitBrowser::Impl {
   // a popup-style window (a size among its features).
   WebKitWebView* openFromPage(const std::shared_ptr<WebKitTab>& opener, WebKitNavigationAction* action);
   void showOpened(OpeningTab opening);
-  void focus(const std::shared_ptr<WebKitWindow>& window);
+  // Makes `window` the active window; unless told otherwise, that closes a
+  // popover shown in another window.
+  void focus(const std::shared_ptr<WebKitWindow>& window, bool closesPopover = true);
   // Asks for one validation of the window's toolbar item, soon.
   void requestValidation(const std::shared_ptr<WebKitWindow>& window);
   // The toolbar button of `window` was clicked.

@@ -124,14 +124,10 @@ std::expected<std::shared_ptr<WebKitBrowser>, std::string> WebKitBrowser::create
           : webkit_website_data_manager_new("base-data-directory", options.dataDirectory.c_str(),
                                             "base-cache-directory",
                                             (options.dataDirectory + "/cache").c_str(), nullptr);
-  impl->webContext = webkit_web_context_new_with_website_data_manager(data);
-  g_object_unref(data);
-  webkit_web_context_set_cache_model(impl->webContext, WEBKIT_CACHE_MODEL_WEB_BROWSER);
-  webkit_web_context_set_web_extensions_directory(impl->webContext, modules.c_str());
-  webkit_web_context_set_web_extensions_initialization_user_data(
-      impl->webContext, g_variant_new("(ss)", kContentWorldName, impl->baseURI.c_str()));
-  registerResourceScheme(impl->webContext, kScheme, bundle->bundleIdentifier(),
-                         bundle->path() + "/Contents/Resources");
+  impl->modulesDirectory = modules;
+  impl->bundleIdentifier = bundle->bundleIdentifier();
+  impl->resourcesFolder = bundle->path() + "/Contents/Resources";
+  impl->webContext = impl->makeTabContext(data);
 
   const std::vector<std::string> patterns = impl->rules.urlPatterns();
   if (!patterns.empty()) {
@@ -163,8 +159,8 @@ WebKitBrowser::~WebKitBrowser() {
   if (!impl_->shutDown && isMainThread()) shutdown();
   for (auto* script : impl_->scripts) webkit_user_script_unref(script);
   for (auto* sheet : impl_->styleSheets) webkit_user_style_sheet_unref(sheet);
-  if (WebKitWebContext* webContext = impl_->webContext) {
-    runOnMainThread([webContext] { g_object_unref(webContext); });
+  for (WebKitWebContext* webContext : {impl_->webContext, impl_->privateContext}) {
+    if (webContext) runOnMainThread([webContext] { g_object_unref(webContext); });
   }
 }
 
@@ -312,6 +308,23 @@ void WebKitBrowser::shutdown() {
 
 // --- Impl ------------------------------------------------------------------------
 
+WebKitWebContext* WebKitBrowser::Impl::makeTabContext(WebKitWebsiteDataManager* data) {
+  WebKitWebContext* context = webkit_web_context_new_with_website_data_manager(data);
+  g_object_unref(data);
+  webkit_web_context_set_cache_model(context, WEBKIT_CACHE_MODEL_WEB_BROWSER);
+  webkit_web_context_set_web_extensions_directory(context, modulesDirectory.c_str());
+  webkit_web_context_set_web_extensions_initialization_user_data(
+      context, g_variant_new("(ss)", kContentWorldName, baseURI.c_str()));
+  registerResourceScheme(context, kScheme, bundleIdentifier, resourcesFolder);
+  return context;
+}
+
+WebKitWebContext* WebKitBrowser::Impl::contextFor(bool isPrivate) {
+  if (!isPrivate) return webContext;
+  if (!privateContext) privateContext = makeTabContext(webkit_website_data_manager_new_ephemeral());
+  return privateContext;
+}
+
 WebKitWebView* WebKitBrowser::Impl::makeTabView(bool isPrivate, WebKitWebView* related) {
   GtkWidget* view = nullptr;
   if (related) {
@@ -322,8 +335,8 @@ WebKitWebView* WebKitBrowser::Impl::makeTabView(bool isPrivate, WebKitWebView* r
     WebKitUserContentManager* content = webkit_user_content_manager_new();
     for (auto* script : scripts) webkit_user_content_manager_add_script(content, script);
     for (auto* sheet : styleSheets) webkit_user_content_manager_add_style_sheet(content, sheet);
-    view = GTK_WIDGET(g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", webContext, "user-content-manager",
-                                   content, "is-ephemeral", isPrivate ? TRUE : FALSE, nullptr));
+    view = GTK_WIDGET(g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", contextFor(isPrivate),
+                                   "user-content-manager", content, nullptr));
     g_object_unref(content);
   }
   g_signal_connect_data(view, "user-message-received", G_CALLBACK(&onConsoleMessage),
@@ -424,6 +437,11 @@ void WebKitBrowser::Impl::showOpened(OpeningTab opening) {  // a copy: it leaves
 void WebKitBrowser::Impl::forgetWindow(const WebKitWindow::Impl* window) {
   auto is = [window](const std::shared_ptr<WebKitWindow>& w) { return w && &w->internals() == window; };
   std::erase_if(windows, is);
+  // The private session ends with the last private window (its views,
+  // destroyed by now, held the context too).
+  if (privateContext && std::none_of(windows.begin(), windows.end(), [](const auto& w) { return w->isPrivate(); })) {
+    g_object_unref(std::exchange(privateContext, nullptr));
+  }
   if (is(popover.owner.lock())) context.get<Popover>()->dismiss();
   auto active = activeWindow.lock();
   if (!active || is(active)) {
@@ -432,10 +450,10 @@ void WebKitBrowser::Impl::forgetWindow(const WebKitWindow::Impl* window) {
   }
 }
 
-void WebKitBrowser::Impl::focus(const std::shared_ptr<WebKitWindow>& window) {
+void WebKitBrowser::Impl::focus(const std::shared_ptr<WebKitWindow>& window, bool closesPopover) {
   if (!window || window->internals().closed) return;
   if (std::find(windows.begin(), windows.end(), window) == windows.end()) return;
-  if (popoverShown() && popover.owner.lock() != window) context.get<Popover>()->dismiss();
+  if (closesPopover && popoverShown() && popover.owner.lock() != window) context.get<Popover>()->dismiss();
   activeWindow = window;
   requestValidation(window);
 }

@@ -27,6 +27,9 @@
 // Tab pages live in a web context of their own, so the background and
 // popup pages (made by Engine::createWebView) never get content scripts.
 // Website data is kept in memory unless Options::dataDirectory is given.
+// Private windows share one session of their own, in memory: their tabs
+// see each other's cookies and storage, other tabs do not, and it ends
+// when the last private window closes.
 //
 // Make it on the engine's main thread after Engine::start. Every object of
 // the browser keeps its state on that thread: calls from other threads hop

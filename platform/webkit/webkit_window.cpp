@@ -30,7 +30,10 @@ void onActiveChanged(GObject* window, GParamSpec*, gpointer data) {
   if (!gtk_window_is_active(GTK_WINDOW(window))) return;
   auto self = impl->self.lock();
   auto browser = impl->browser.lock();
-  if (self && browser) browser->internals().focus(self);
+  // Not a reason to close the popover: the display moves the focus between
+  // windows as they map and unmap (the popover's own among them), and a
+  // click in another window reaches the popover's grab first.
+  if (self && browser) browser->internals().focus(self, /*closesPopover=*/false);
 }
 
 // The user picked a tab.

@@ -223,3 +223,41 @@ describe('pages that open tabs and windows', () => {
       ['popup']);
   });
 });
+
+describe('private windows', () => {
+  let host;
+  let base;
+  before(async () => {
+    host = new Host(['run', exampleBundle, '--control', '--data-dir', join(scratch, 'private-data'), '--serve',
+      exampleSite, '--open', 'index.html']);
+    await host.waitFor('ready', {}, { timeoutMs: 30_000 });
+    base = await host.until(async () => (await host.call('listTabs'))[0]?.url?.replace(/index\.html$/, ''), 10_000,
+      'the page');
+  });
+  after(() => host?.kill());
+
+  // What a page of `tab` keeps: [its cookies, its local storage's "k"].
+  const kept = (tab) => host.call('eval', { in: 'tab', tab, world: 'page',
+    code: "[document.cookie, localStorage.getItem('k')]" });
+  async function privateTab() {
+    const { tab, window } = await host.call('openWindow', { url: `${base}index.html?private`, private: true });
+    await host.until(async () => (await host.call('listTabs')).find((t) => t.tab === tab)?.title === 'A page to count',
+      10_000, 'the private page');
+    return { tab, window };
+  }
+
+  it('share one session among themselves, apart from other tabs, until the last one closes', async () => {
+    const one = await privateTab();
+    const two = await privateTab();
+    await host.call('eval', { in: 'tab', tab: one.tab, world: 'page',
+      code: "document.cookie = 'c=1'; localStorage.setItem('k', 'v'); 0" });
+    assert.deepEqual(await kept(two.tab), ['c=1', 'v']);
+    assert.deepEqual(await kept('t1'), ['', null]);
+    assert.equal(await host.call('eval', { code: 'appex.tabs.query({}).then((tabs) => tabs.filter((t) => t.isPrivate).length)' }), 2);
+
+    await host.call('closeWindow', { window: one.window });
+    assert.deepEqual(await kept(two.tab), ['c=1', 'v'], 'the session outlives one of its windows');
+    await host.call('closeWindow', { window: two.window });
+    assert.deepEqual(await kept((await privateTab()).tab), ['', null], 'the session outlives its last window');
+  });
+});
