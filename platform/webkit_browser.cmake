@@ -33,6 +33,7 @@ if(APPEX_WITH_WEBKIT)
 
   add_library(appex_webkit_browser
     ${CMAKE_CURRENT_LIST_DIR}/webkit/main_thread.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/webkit/opened_tabs.cpp
     ${CMAKE_CURRENT_LIST_DIR}/webkit/resource_scheme.cpp
     ${CMAKE_CURRENT_LIST_DIR}/webkit/script_evaluation.cpp
     ${CMAKE_CURRENT_LIST_DIR}/webkit/snapshot.cpp
