@@ -515,6 +515,8 @@ void WebKitBrowser::Impl::hidePopover() {
     if (ownerAlive && popover.home) {
       gtk_widget_set_size_request(widget, -1, -1);
       gtk_container_add(GTK_CONTAINER(popover.home), widget);
+      // Off screen, as in the browser: the page is hidden until shown again.
+      gtk_widget_hide(widget);
     }
     g_object_unref(widget);  // the last reference when its owner is gone
     popover.view = nullptr;

@@ -166,7 +166,9 @@ describe('the popover closes as the real one does', () => {
     await open();
     await host.call('eval', { in: 'popup', code: 'window.kept = 1' });
     await closedBy('a click outside', () => host.call('clickOutside'));
-    // Shown again, the popup page starts over.
+    // Its page is hidden, and starts over when shown again.
+    await host.until(async () => await host.call('eval', { in: 'popup', code: 'document.visibilityState' }) === 'hidden',
+      5_000, 'the closed popup page to be hidden');
     await open();
     await host.until(() => host.call('eval', { in: 'popup', code: 'typeof window.kept === "undefined"' }), 5_000,
       'a fresh popup page');
