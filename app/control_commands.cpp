@@ -161,6 +161,16 @@ void addControlCommands(ControlChannel& channel, HostSession& s, std::function<v
     s.context().get<Popover>()->dismiss();
     reply(success(true));
   });
+  channel.add("clickOutside", [&s](const Dictionary& r, ResultCallback reply) {
+    std::shared_ptr<WebKitWindow> w;
+    if (param(r, "window")) {
+      std::string error;
+      w = windowFor(s, r, &error);
+      if (!w) return reply(failure(error));
+    }
+    if (!s.browser().clickOutsidePopover(w)) return reply(failure("the popover is not shown"));
+    reply(success(true));
+  });
   channel.add("toolbar", [&s](const Dictionary& r, ResultCallback reply) {
     std::string error;
     auto w = windowFor(s, r, &error);
@@ -174,13 +184,21 @@ void addControlCommands(ControlChannel& channel, HostSession& s, std::function<v
     auto of = param(r, "of");
     auto path = param(r, "path");
     if (!of || !path) return reply(failure("\"of\" and \"path\" are required"));
+    if (*of == "toolbar") {
+      std::string error;
+      auto w = windowFor(s, r, &error);
+      if (!w) return reply(failure(error));
+      const auto scale = r.contains("scale") ? asInt64(r.at("scale")) : std::optional<std::int64_t>(2);
+      if (scale != 1 && scale != 2) return reply(failure("\"scale\" is 1 or 2"));
+      return s.snapshotToolbar(w, static_cast<int>(*scale), *path, std::move(reply));
+    }
     if (*of == "tab") {
       auto handle = param(r, "tab");
       if (!handle) return reply(failure("\"tab\" is required for a tab snapshot"));
       return s.snapshot(*handle, *path, std::move(reply));
     }
     if (*of != "background" && *of != "popover") {
-      return reply(failure("\"of\" is \"background\", \"popover\" or \"tab\", not \"" + *of + "\""));
+      return reply(failure("\"of\" is \"background\", \"popover\", \"toolbar\" or \"tab\", not \"" + *of + "\""));
     }
     s.snapshot(*of, *path, std::move(reply));
   });

@@ -1,7 +1,7 @@
 // The automation protocol's commands (see control_channel.h for the line
 // format): tabs and windows by host handle, script evaluation in the
-// extension's pages and in tabs, the toolbar button and popover, snapshots,
-// the stored values, and quit.
+// extension's pages and in tabs, the toolbar button and popover (with a
+// click outside it), snapshots, the stored values, and quit.
 //
 // Main thread only.
 #pragma once

@@ -286,14 +286,29 @@ void HostSession::tick() {
   runWaiting();
 }
 
+namespace {
+
+Result snapshotResult(const std::string& path, std::expected<webkit::PixelSize, std::string> size) {
+  if (!size) return failure("snapshot failed: " + size.error());
+  return success(Dictionary{{"path", path}, {"width", size->width}, {"height", size->height}});
+}
+
+}  // namespace
+
+void HostSession::snapshotToolbar(const std::shared_ptr<webkit::WebKitWindow>& window, int scale,
+                                  const std::string& path, ResultCallback reply) {
+  if (!window) return reply(failure("snapshot of toolbar: no window is open"));
+  webkit::snapshotToolbarItem(*window->toolbarItem(), scale, path,
+                              [reply = std::move(reply), path](auto size) mutable {
+                                reply(snapshotResult(path, std::move(size)));
+                              });
+}
+
 void HostSession::snapshot(const std::string& what, const std::string& path, ResultCallback reply) {
+  if (what == "toolbar") return snapshotToolbar(browser_->activeWindow(), 2, path, std::move(reply));
   auto shared = std::make_shared<ResultCallback>(std::move(reply));
   auto written = [shared, path](std::expected<webkit::PixelSize, std::string> size) {
-    if (!size) {
-      (*shared)(failure("snapshot failed: " + size.error()));
-      return;
-    }
-    (*shared)(success(Dictionary{{"path", path}, {"width", size->width}, {"height", size->height}}));
+    (*shared)(snapshotResult(path, std::move(size)));
   };
   const auto deadline = Clock::now() + kLoadPatience;
   auto expire = [shared, what] { (*shared)(failure("snapshot of " + what + ": it never finished loading")); };

@@ -82,10 +82,14 @@ class HostSession {
   Dictionary toolbarState(const std::shared_ptr<webkit::WebKitWindow>& window) const;
   Dictionary popoverState() const;
 
-  // Writes a PNG of `what` ("background", "popover" or a tab handle) once
-  // it can: the popover is opened for it, a tab waits for its page to load.
-  // The reply gets {"path", "width", "height"}.
+  // Writes a PNG of `what` ("background", "popover", "toolbar" (the active
+  // window's button) or a tab handle) once it can: the popover is opened
+  // for it, a tab waits for its page to load. The reply gets {"path",
+  // "width", "height"}.
   void snapshot(const std::string& what, const std::string& path, ResultCallback reply);
+  // A PNG of the window's toolbar button at `scale` pixels per point.
+  void snapshotToolbar(const std::shared_ptr<webkit::WebKitWindow>& window, int scale, const std::string& path,
+                       ResultCallback reply);
 
  private:
   HostSession(Context& context, webkit::Engine& engine, EventSink events);

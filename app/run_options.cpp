@@ -19,7 +19,8 @@ std::expected<ParsedRun, std::string> parseRunOptions(const std::vector<std::str
       ("control", po::bool_switch(), "speak the automation protocol on stdin/stdout (JSON lines)")
       ("trace", po::bool_switch(), "print one line per message crossing the router, on stderr")
       ("snapshot", po::value<std::vector<std::string>>()->composing(),
-       "WHAT=FILE: write a PNG of 'popover', 'background' or a tab handle ('t1') once it has loaded")
+       "WHAT=FILE: write a PNG of 'popover', 'background', 'toolbar' (the button as drawn, 2x) "
+       "or a tab handle ('t1') once it has loaded")
       ("timeout", po::value<double>(), "stop after SECONDS")
       ("private", po::bool_switch(), "make the first window private")
       ("help,h", "show this help");
@@ -71,7 +72,7 @@ std::expected<ParsedRun, std::string> parseRunOptions(const std::vector<std::str
     for (const auto& spec : vm["snapshot"].as<std::vector<std::string>>()) {
       const auto eq = spec.find('=');
       if (eq == std::string::npos || eq == 0 || eq + 1 == spec.size()) {
-        return std::unexpected("--snapshot takes WHAT=FILE (WHAT: popover, background or a tab handle)");
+        return std::unexpected("--snapshot takes WHAT=FILE (WHAT: popover, background, toolbar or a tab handle)");
       }
       o.snapshots.emplace_back(spec.substr(0, eq), spec.substr(eq + 1));
     }

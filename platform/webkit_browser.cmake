@@ -18,6 +18,8 @@ target_link_libraries(appex_webkit_content PUBLIC appex_message appex_manifest a
 if(APPEX_WITH_WEBKIT)
   find_package(PkgConfig REQUIRED)
   pkg_check_modules(APPEX_WEBKIT_WEB_EXTENSION REQUIRED IMPORTED_TARGET webkit2gtk-web-extension-4.1)
+  # The toolbar button's PDF icons.
+  pkg_check_modules(APPEX_WEBKIT_POPPLER REQUIRED IMPORTED_TARGET poppler-glib)
 
   set(APPEX_WEB_EXTENSIONS_DIR ${CMAKE_BINARY_DIR}/platform/webkit/web-extensions)
   add_library(appex_webkit_web_extension MODULE
@@ -31,9 +33,11 @@ if(APPEX_WITH_WEBKIT)
 
   add_library(appex_webkit_browser
     ${CMAKE_CURRENT_LIST_DIR}/webkit/main_thread.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/webkit/opened_tabs.cpp
     ${CMAKE_CURRENT_LIST_DIR}/webkit/resource_scheme.cpp
     ${CMAKE_CURRENT_LIST_DIR}/webkit/script_evaluation.cpp
     ${CMAKE_CURRENT_LIST_DIR}/webkit/snapshot.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/webkit/toolbar_face.cpp
     ${CMAKE_CURRENT_LIST_DIR}/webkit/webkit_browser.cpp
     ${CMAKE_CURRENT_LIST_DIR}/webkit/webkit_tab.cpp
     ${CMAKE_CURRENT_LIST_DIR}/webkit/webkit_toolbar_item.cpp
@@ -43,6 +47,6 @@ if(APPEX_WITH_WEBKIT)
     APPEX_WEB_EXTENSIONS_DIR="${APPEX_WEB_EXTENSIONS_DIR}")
   target_link_libraries(appex_webkit_browser
     PUBLIC appex_webkit appex_webkit_content appex_browser appex_core
-    PRIVATE PkgConfig::APPEX_WEBKITGTK)
+    PRIVATE PkgConfig::APPEX_WEBKITGTK PkgConfig::APPEX_WEBKIT_POPPLER)
   add_dependencies(appex_webkit_browser appex_webkit_web_extension)
 endif()

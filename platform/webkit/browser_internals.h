@@ -54,22 +54,49 @@ struct WebKitBrowser::Impl {
   ContentRules rules;
   std::string baseURI;
   WebKitWebContext* webContext = nullptr;
+  // The private windows' tab context: one session for all of them, in
+  // memory, made with the first private window and let go with the last.
+  WebKitWebContext* privateContext = nullptr;
+  std::string modulesDirectory;
+  std::string bundleIdentifier;
+  std::string resourcesFolder;
   std::vector<WebKitUserScript*> scripts;
   std::vector<WebKitUserStyleSheet*> styleSheets;
   std::shared_ptr<ExtensionCallbacks> callbacks;
   ConsoleObserver consoleObserver;
   std::vector<std::shared_ptr<WebKitWindow>> windows;
+  // Tabs a page opened whose engine has not yet said where to show them.
+  struct OpeningTab {
+    std::shared_ptr<WebKitTab> tab;
+    bool fromLink = false;  // a link's target, not window.open
+    PixelSize openerSize;   // of the opener's window, when it was opened
+  };
+  std::vector<OpeningTab> openingTabs;
   std::weak_ptr<WebKitWindow> activeWindow;
   PopoverHost popover;
   bool shutDown = false;
   std::uint64_t serial = 0;
 
-  // A web view for a tab: the tab context, the content scripts and style
-  // sheets, ephemeral for private windows.
-  WebKitWebView* makeTabView(bool isPrivate);
+  // A tab context over `data` (taken), with the web-process module and the
+  // base URI scheme.
+  WebKitWebContext* makeTabContext(WebKitWebsiteDataManager* data);
+  WebKitWebContext* contextFor(bool isPrivate);
+  // A web view for a tab: the tab context (the private one for private
+  // windows), the content scripts and style sheets. With `related`, the view a page
+  // opens from `related`'s page (window.open, target=_blank): same context,
+  // session, scripts and style sheets as `related`.
+  WebKitWebView* makeTabView(bool isPrivate, WebKitWebView* related = nullptr);
   std::shared_ptr<WebKitWindow> makeWindow(bool isPrivate);
   void forgetWindow(const WebKitWindow::Impl* window);
-  void focus(const std::shared_ptr<WebKitWindow>& window);
+  // A page of `opener` opens a new browsing context: a new tab's view, kept
+  // aside until the engine is ready to show it; then a tab of the opener's
+  // window, made active, or a window of its own when window.open asked for
+  // a popup-style window (a size among its features).
+  WebKitWebView* openFromPage(const std::shared_ptr<WebKitTab>& opener, WebKitNavigationAction* action);
+  void showOpened(OpeningTab opening);
+  // Makes `window` the active window; unless told otherwise, that closes a
+  // popover shown in another window.
+  void focus(const std::shared_ptr<WebKitWindow>& window, bool closesPopover = true);
   // Asks for one validation of the window's toolbar item, soon.
   void requestValidation(const std::shared_ptr<WebKitWindow>& window);
   // The toolbar button of `window` was clicked.
@@ -77,6 +104,11 @@ struct WebKitBrowser::Impl {
   // Follows the Context's Popover.
   void applyPopover(const Popover::State& state);
   void hidePopover();
+  // The popover closes when anything but it takes the user's attention:
+  // another window becomes active, the active tab of its window changes, a
+  // click lands outside it.
+  void closePopoverFor(const WebKitWindow::Impl* window);
+  bool popoverShown() const;
   std::uint64_t nextSerial() { return ++serial; }
 };
 
@@ -91,9 +123,12 @@ struct WebKitWindow::Impl {
   GtkWidget* notebook = nullptr;
   GtkWidget* location = nullptr;
   GtkWidget* button = nullptr;
-  GtkWidget* buttonImage = nullptr;
-  GtkWidget* buttonLabel = nullptr;
-  GtkWidget* badge = nullptr;
+  GtkWidget* buttonFace = nullptr;  // draws the item (toolbar_face.h)
+  // The item's icon as last rendered for the button, with its file and
+  // scale.
+  cairo_surface_t* buttonIcon = nullptr;
+  std::string buttonIconPath;
+  int buttonIconScale = 0;
 
   std::vector<std::shared_ptr<WebKitTab>> tabs;
   std::weak_ptr<WebKitTab> activeTab;
@@ -108,6 +143,8 @@ struct WebKitWindow::Impl {
   void build(bool offscreen);
   // Adds a new tab's view to the notebook.
   std::shared_ptr<WebKitTab> addTab(const std::string& url, bool makeActive);
+  // Puts a made tab (of this window) into the notebook.
+  void insertTab(const std::shared_ptr<WebKitTab>& tab, bool makeActive);
   // Shows `tab` (one of ours) as the active tab.
   void setActive(const std::shared_ptr<WebKitTab>& tab);
   // Takes a closing tab and its view out; picks the next active tab.
@@ -115,6 +152,9 @@ struct WebKitWindow::Impl {
   void closeNow();
   // Redraws the toolbar button from the item (posted on change).
   void refreshButton();
+  // The rendered icon for the button's scale, re-rendered when the item's
+  // image or the scale changed; nullptr without one.
+  cairo_surface_t* iconForButton();
   void refreshLocation();
 };
 
@@ -133,9 +173,10 @@ struct WebKitTab::Impl {
   std::vector<gulong> signals;
 
   // A new tab of `window` (not yet in its notebook), its view loading
-  // nothing yet.
+  // nothing yet; `view` (made by makeTabView, owned from then on by the
+  // tab's window) when the engine made the view.
   static std::shared_ptr<WebKitTab> make(const std::shared_ptr<WebKitWindow>& window,
-                                         WebKitBrowser::Impl& browser);
+                                         WebKitBrowser::Impl& browser, WebKitWebView* view = nullptr);
   void load(const std::string& url);
   // Closes the page and lets go of the view's signals; the window removes
   // the view itself.

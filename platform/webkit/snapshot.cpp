@@ -4,6 +4,7 @@
 
 #include "platform/webkit/browser_internals.h"
 #include "platform/webkit/gtk_web_view.h"
+#include "platform/webkit/toolbar_face.h"
 
 namespace appex::webkit {
 namespace {
@@ -57,6 +58,15 @@ void snapshotWebView(const std::shared_ptr<WebView>& view, std::string pngPath, 
     return;
   }
   snapshotToPNG(engineView->webkitWebView(), std::move(pngPath), std::move(completion));
+}
+
+void snapshotToolbarItem(const WebKitToolbarItem& item, int scale, std::string pngPath,
+                         SnapshotCompletion completion) {
+  if (scale != 1 && scale != 2) {
+    completion(std::unexpected("the scale is 1 or 2, not " + std::to_string(scale)));
+    return;
+  }
+  completion(writeToolbarPNG(ToolbarFace::of(item), scale, pngPath));
 }
 
 }  // namespace appex::webkit

@@ -1,8 +1,10 @@
-// Snapshots: what a web view shows, written to a PNG file.
+// Snapshots: what a web view or the toolbar button shows, written to a PNG
+// file.
 //
 // The visible part of the page at the view's current size (a tab, the
-// background page, the popover). The completion receives the image's size
-// in pixels, or why no file was written, on the main thread.
+// background page, the popover), or a window's toolbar button as the
+// toolbar draws it. The completion receives the image's size in pixels, or
+// why no file was written, on the main thread.
 //
 // Main thread only.
 #pragma once
@@ -18,6 +20,8 @@ class WebView;
 
 namespace appex::webkit {
 
+class WebKitToolbarItem;
+
 struct PixelSize {
   int width = 0;
   int height = 0;
@@ -30,5 +34,10 @@ using SnapshotCompletion = std::move_only_function<void(std::expected<PixelSize,
 // fails at once.
 void snapshotWebView(const std::shared_ptr<WebView>& view, std::string pngPath,
                      SnapshotCompletion completion);
+
+// The button of `item` (icon, badge, label, enabled look) on the toolbar's
+// background, at `scale` pixels per point (1 or 2).
+void snapshotToolbarItem(const WebKitToolbarItem& item, int scale, std::string pngPath,
+                         SnapshotCompletion completion);
 
 }  // namespace appex::webkit

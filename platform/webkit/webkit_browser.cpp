@@ -53,6 +53,14 @@ gboolean onPopoverKey(GtkWidget*, GdkEventKey* event, gpointer data) {
   return TRUE;
 }
 
+// While the popover is shown it holds the grab: a click anywhere else in the
+// browser's windows comes here first, and closes it.
+gboolean onPopoverButtonPress(GtkWidget* popoverWindow, GdkEventButton* event, gpointer data) {
+  if (gdk_window_get_toplevel(event->window) == gtk_widget_get_window(popoverWindow)) return FALSE;
+  static_cast<WebKitBrowser::Impl*>(data)->context.get<Popover>()->dismiss();
+  return TRUE;
+}
+
 // A content script's console message, from the tab's web process: to the
 // console observer, with the tab whose view it came from.
 gboolean onConsoleMessage(WebKitWebView* view, WebKitUserMessage* message, gpointer data) {
@@ -116,14 +124,10 @@ std::expected<std::shared_ptr<WebKitBrowser>, std::string> WebKitBrowser::create
           : webkit_website_data_manager_new("base-data-directory", options.dataDirectory.c_str(),
                                             "base-cache-directory",
                                             (options.dataDirectory + "/cache").c_str(), nullptr);
-  impl->webContext = webkit_web_context_new_with_website_data_manager(data);
-  g_object_unref(data);
-  webkit_web_context_set_cache_model(impl->webContext, WEBKIT_CACHE_MODEL_WEB_BROWSER);
-  webkit_web_context_set_web_extensions_directory(impl->webContext, modules.c_str());
-  webkit_web_context_set_web_extensions_initialization_user_data(
-      impl->webContext, g_variant_new("(ss)", kContentWorldName, impl->baseURI.c_str()));
-  registerResourceScheme(impl->webContext, kScheme, bundle->bundleIdentifier(),
-                         bundle->path() + "/Contents/Resources");
+  impl->modulesDirectory = modules;
+  impl->bundleIdentifier = bundle->bundleIdentifier();
+  impl->resourcesFolder = bundle->path() + "/Contents/Resources";
+  impl->webContext = impl->makeTabContext(data);
 
   const std::vector<std::string> patterns = impl->rules.urlPatterns();
   if (!patterns.empty()) {
@@ -155,8 +159,8 @@ WebKitBrowser::~WebKitBrowser() {
   if (!impl_->shutDown && isMainThread()) shutdown();
   for (auto* script : impl_->scripts) webkit_user_script_unref(script);
   for (auto* sheet : impl_->styleSheets) webkit_user_style_sheet_unref(sheet);
-  if (WebKitWebContext* webContext = impl_->webContext) {
-    runOnMainThread([webContext] { g_object_unref(webContext); });
+  for (WebKitWebContext* webContext : {impl_->webContext, impl_->privateContext}) {
+    if (webContext) runOnMainThread([webContext] { g_object_unref(webContext); });
   }
 }
 
@@ -247,6 +251,30 @@ PixelSize WebKitBrowser::popoverViewSize() const {
           gtk_widget_get_allocated_height(GTK_WIDGET(popover.view))};
 }
 
+bool WebKitBrowser::clickOutsidePopover(const std::shared_ptr<WebKitWindow>& window) {
+  auto& impl = *impl_;
+  auto owner = impl.popover.owner.lock();
+  if (!impl.popoverShown() || !owner) return false;
+  auto target = window ? window : owner;
+  GtkWidget* toplevel = target->internals().window;
+  GdkWindow* surface = toplevel ? gtk_widget_get_window(toplevel) : nullptr;
+  if (surface && impl.popover.window && gtk_widget_get_visible(impl.popover.window)) {
+    // A press at the window's top-left corner, far from the button the
+    // popover hangs from, delivered as the display would deliver it.
+    GdkEvent* press = gdk_event_new(GDK_BUTTON_PRESS);
+    press->button.window = GDK_WINDOW(g_object_ref(surface));
+    press->button.send_event = TRUE;
+    press->button.time = GDK_CURRENT_TIME;
+    press->button.x = press->button.y = 2;
+    press->button.button = 1;
+    gdk_event_set_device(press, gdk_seat_get_pointer(gdk_display_get_default_seat(gdk_window_get_display(surface))));
+    gtk_main_do_event(press);
+    gdk_event_free(press);
+  }
+  impl.focus(target);
+  return true;
+}
+
 void WebKitBrowser::snapshotPopover(std::string pngPath, SnapshotCompletion completion) {
   if (!impl_->popover.view) {
     completion(std::unexpected(std::string("the popover is not shown")));
@@ -270,18 +298,47 @@ void WebKitBrowser::shutdown() {
   }
   const auto windows = impl.windows;
   for (const auto& window : windows) window->internals().closeNow();
+  for (const auto& opening : std::exchange(impl.openingTabs, {})) {
+    WebKitWebView* view = opening.tab->internals().view;
+    opening.tab->internals().closeNow();
+    gtk_widget_destroy(GTK_WIDGET(view));
+    g_object_unref(view);
+  }
 }
 
 // --- Impl ------------------------------------------------------------------------
 
-WebKitWebView* WebKitBrowser::Impl::makeTabView(bool isPrivate) {
-  WebKitUserContentManager* content = webkit_user_content_manager_new();
-  for (auto* script : scripts) webkit_user_content_manager_add_script(content, script);
-  for (auto* sheet : styleSheets) webkit_user_content_manager_add_style_sheet(content, sheet);
-  GtkWidget* view = GTK_WIDGET(g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", webContext,
-                                            "user-content-manager", content, "is-ephemeral",
-                                            isPrivate ? TRUE : FALSE, nullptr));
-  g_object_unref(content);
+WebKitWebContext* WebKitBrowser::Impl::makeTabContext(WebKitWebsiteDataManager* data) {
+  WebKitWebContext* context = webkit_web_context_new_with_website_data_manager(data);
+  g_object_unref(data);
+  webkit_web_context_set_cache_model(context, WEBKIT_CACHE_MODEL_WEB_BROWSER);
+  webkit_web_context_set_web_extensions_directory(context, modulesDirectory.c_str());
+  webkit_web_context_set_web_extensions_initialization_user_data(
+      context, g_variant_new("(ss)", kContentWorldName, baseURI.c_str()));
+  registerResourceScheme(context, kScheme, bundleIdentifier, resourcesFolder);
+  return context;
+}
+
+WebKitWebContext* WebKitBrowser::Impl::contextFor(bool isPrivate) {
+  if (!isPrivate) return webContext;
+  if (!privateContext) privateContext = makeTabContext(webkit_website_data_manager_new_ephemeral());
+  return privateContext;
+}
+
+WebKitWebView* WebKitBrowser::Impl::makeTabView(bool isPrivate, WebKitWebView* related) {
+  GtkWidget* view = nullptr;
+  if (related) {
+    view = GTK_WIDGET(g_object_new(WEBKIT_TYPE_WEB_VIEW, "related-view", related, "user-content-manager",
+                                   webkit_web_view_get_user_content_manager(related), "settings",
+                                   webkit_web_view_get_settings(related), nullptr));
+  } else {
+    WebKitUserContentManager* content = webkit_user_content_manager_new();
+    for (auto* script : scripts) webkit_user_content_manager_add_script(content, script);
+    for (auto* sheet : styleSheets) webkit_user_content_manager_add_style_sheet(content, sheet);
+    view = GTK_WIDGET(g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", contextFor(isPrivate),
+                                   "user-content-manager", content, nullptr));
+    g_object_unref(content);
+  }
   g_signal_connect_data(view, "user-message-received", G_CALLBACK(&onConsoleMessage),
                         new std::weak_ptr<WebKitBrowser>(self),
                         [](gpointer data, GClosure*) { delete static_cast<std::weak_ptr<WebKitBrowser>*>(data); },
@@ -324,6 +381,11 @@ std::shared_ptr<WebKitWindow> WebKitBrowser::Impl::makeWindow(bool isPrivate) {
 void WebKitBrowser::Impl::forgetWindow(const WebKitWindow::Impl* window) {
   auto is = [window](const std::shared_ptr<WebKitWindow>& w) { return w && &w->internals() == window; };
   std::erase_if(windows, is);
+  // The private session ends with the last private window (its views,
+  // destroyed by now, held the context too).
+  if (privateContext && std::none_of(windows.begin(), windows.end(), [](const auto& w) { return w->isPrivate(); })) {
+    g_object_unref(std::exchange(privateContext, nullptr));
+  }
   if (is(popover.owner.lock())) context.get<Popover>()->dismiss();
   auto active = activeWindow.lock();
   if (!active || is(active)) {
@@ -332,9 +394,10 @@ void WebKitBrowser::Impl::forgetWindow(const WebKitWindow::Impl* window) {
   }
 }
 
-void WebKitBrowser::Impl::focus(const std::shared_ptr<WebKitWindow>& window) {
+void WebKitBrowser::Impl::focus(const std::shared_ptr<WebKitWindow>& window, bool closesPopover) {
   if (!window || window->internals().closed) return;
   if (std::find(windows.begin(), windows.end(), window) == windows.end()) return;
+  if (closesPopover && popoverShown() && popover.owner.lock() != window) context.get<Popover>()->dismiss();
   activeWindow = window;
   requestValidation(window);
 }
@@ -403,6 +466,7 @@ void WebKitBrowser::Impl::applyPopover(const Popover::State& state) {
       gtk_window_set_skip_taskbar_hint(GTK_WINDOW(popover.window), TRUE);
     }
     g_signal_connect(popover.window, "key-press-event", G_CALLBACK(&onPopoverKey), this);
+    g_signal_connect(popover.window, "button-press-event", G_CALLBACK(&onPopoverButtonPress), this);
   }
   WebKitWebView* view = engineView->webkitWebView();
   if (popover.view != view) {
@@ -439,6 +503,7 @@ void WebKitBrowser::Impl::applyPopover(const Popover::State& state) {
     }
   }
   gtk_widget_show_all(popover.window);
+  if (!gtk_widget_has_grab(popover.window)) gtk_grab_add(popover.window);
 }
 
 void WebKitBrowser::Impl::hidePopover() {
@@ -450,14 +515,26 @@ void WebKitBrowser::Impl::hidePopover() {
     if (ownerAlive && popover.home) {
       gtk_widget_set_size_request(widget, -1, -1);
       gtk_container_add(GTK_CONTAINER(popover.home), widget);
+      // Off screen, as in the browser: the page is hidden until shown again.
+      gtk_widget_hide(widget);
     }
     g_object_unref(widget);  // the last reference when its owner is gone
     popover.view = nullptr;
     popover.home = nullptr;
   }
-  if (popover.window) gtk_widget_hide(popover.window);
+  if (popover.window) {
+    if (gtk_widget_has_grab(popover.window)) gtk_grab_remove(popover.window);
+    gtk_widget_hide(popover.window);
+  }
   popover.owner.reset();
   popover.content.reset();
+}
+
+bool WebKitBrowser::Impl::popoverShown() const { return popover.view && context.get<Popover>()->state().shown; }
+
+void WebKitBrowser::Impl::closePopoverFor(const WebKitWindow::Impl* window) {
+  auto owner = popover.owner.lock();
+  if (popoverShown() && owner && &owner->internals() == window) context.get<Popover>()->dismiss();
 }
 
 }  // namespace appex::webkit

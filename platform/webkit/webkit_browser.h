@@ -20,11 +20,16 @@
 //   validation per window however many were asked for at once). A click
 //   shows the popover (popoverWillShow, then the popup's web view at its
 //   preferred size, through the Context's Popover) or, for a "Command" item,
-//   reports toolbarItemClicked.
+//   reports toolbarItemClicked. The popover closes, as the browser's does,
+//   when another window becomes active, when its window's active tab
+//   changes, on a click outside it and on Escape.
 //
 // Tab pages live in a web context of their own, so the background and
 // popup pages (made by Engine::createWebView) never get content scripts.
 // Website data is kept in memory unless Options::dataDirectory is given.
+// Private windows share one session of their own, in memory: their tabs
+// see each other's cookies and storage, other tabs do not, and it ends
+// when the last private window closes.
 //
 // Make it on the engine's main thread after Engine::start. Every object of
 // the browser keeps its state on that thread: calls from other threads hop
@@ -116,6 +121,10 @@ class WebKitBrowser final : public SFSafariApplication,
   // The size the popover's web view has been given on screen (0 x 0 when
   // hidden).
   PixelSize popoverViewSize() const;
+  // A click in `window` (nullptr: the popover's own window) outside the
+  // shown popover, as the user makes one: the popover closes and `window`
+  // becomes the active window. False when no popover is shown.
+  bool clickOutsidePopover(const std::shared_ptr<WebKitWindow>& window);
   // Writes what the shown popover displays to a PNG file.
   void snapshotPopover(std::string pngPath, SnapshotCompletion completion);
 

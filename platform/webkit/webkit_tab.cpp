@@ -63,6 +63,15 @@ gboolean onUserMessage(WebKitWebView*, WebKitUserMessage* message, gpointer data
   return TRUE;
 }
 
+// The page opens a new browsing context (window.open, a link with a target).
+GtkWidget* onCreate(WebKitWebView*, WebKitNavigationAction* action, gpointer data) {
+  auto* impl = static_cast<Impl*>(data);
+  auto tab = impl->self.lock();
+  auto browser = impl->browser.lock();
+  if (!tab || impl->closed || !browser || browser->internals().shutDown) return nullptr;
+  return GTK_WIDGET(browser->internals().openFromPage(tab, action));
+}
+
 // The page closed itself (window.close(), where the engine allows it).
 void onCloseRequested(WebKitWebView*, gpointer data) {
   if (auto tab = static_cast<Impl*>(data)->self.lock()) tab->close();
@@ -164,13 +173,14 @@ void WebKitTab::snapshot(std::string pngPath, SnapshotCompletion completion) {
 
 // --- Impl ----------------------------------------------------------------------------
 
-std::shared_ptr<WebKitTab> Impl::make(const std::shared_ptr<WebKitWindow>& window, WebKitBrowser::Impl& browser) {
+std::shared_ptr<WebKitTab> Impl::make(const std::shared_ptr<WebKitWindow>& window, WebKitBrowser::Impl& browser,
+                                      WebKitWebView* view) {
   auto state = std::make_unique<Impl>();
   state->window = window;
   state->browser = browser.self;
   state->serial = browser.nextSerial();
   state->isPrivate = window->isPrivate();
-  state->view = browser.makeTabView(state->isPrivate);
+  state->view = view ? view : browser.makeTabView(state->isPrivate);
   auto tab = std::make_shared<WebKitTab>(std::move(state));
   auto& impl = *tab->impl_;
   impl.self = tab;
@@ -183,6 +193,7 @@ std::shared_ptr<WebKitTab> Impl::make(const std::shared_ptr<WebKitWindow>& windo
       g_signal_connect(impl.view, "notify::title", G_CALLBACK(&onTitleChanged), &impl),
       g_signal_connect(impl.view, "user-message-received", G_CALLBACK(&onUserMessage), &impl),
       g_signal_connect(impl.view, "close", G_CALLBACK(&onCloseRequested), &impl),
+      g_signal_connect(impl.view, "create", G_CALLBACK(&onCreate), &impl),
   };
   return tab;
 }

@@ -5,6 +5,7 @@
 #include "core/log.h"
 #include "platform/webkit/browser_internals.h"
 #include "platform/webkit/main_thread.h"
+#include "platform/webkit/toolbar_face.h"
 
 namespace appex::webkit {
 namespace {
@@ -29,7 +30,10 @@ void onActiveChanged(GObject* window, GParamSpec*, gpointer data) {
   if (!gtk_window_is_active(GTK_WINDOW(window))) return;
   auto self = impl->self.lock();
   auto browser = impl->browser.lock();
-  if (self && browser) browser->internals().focus(self);
+  // Not a reason to close the popover: the display moves the focus between
+  // windows as they map and unmap (the popover's own among them), and a
+  // click in another window reaches the popover's grab first.
+  if (self && browser) browser->internals().focus(self, /*closesPopover=*/false);
 }
 
 // The user picked a tab.
@@ -40,8 +44,10 @@ void onSwitchPage(GtkNotebook*, GtkWidget* page, guint, gpointer data) {
   auto self = impl->self.lock();
   auto browser = impl->browser.lock();
   if (!tab || !self || !browser) return;
+  const bool changed = impl->activeTab.lock() != tab;
   impl->activeTab = tab;
   impl->refreshLocation();
+  if (changed) browser->internals().closePopoverFor(impl);
   browser->internals().focus(self);
 }
 
@@ -52,6 +58,13 @@ void onReordered(GtkNotebook*, GtkWidget* page, guint position, gpointer data) {
   if (!tab) return;
   std::erase(impl->tabs, tab);
   impl->tabs.insert(impl->tabs.begin() + std::min<std::size_t>(position, impl->tabs.size()), tab);
+}
+
+gboolean onDrawFace(GtkWidget*, cairo_t* cr, gpointer data) {
+  auto* impl = static_cast<Impl*>(data);
+  if (impl->closed) return FALSE;
+  drawToolbarFace(cr, ToolbarFace::of(*impl->item), impl->iconForButton());
+  return FALSE;
 }
 
 void onButtonClicked(GtkButton*, gpointer data) {
@@ -74,11 +87,12 @@ WebKitWindow::~WebKitWindow() {
   // Open windows belong to their browser, which closes them first; this
   // only covers a browser that was never shut down.
   if (impl_->window && isMainThread()) {
-    for (GtkWidget* widget : {impl_->window, impl_->notebook, impl_->button, impl_->location}) {
+    for (GtkWidget* widget : {impl_->window, impl_->notebook, impl_->button, impl_->buttonFace, impl_->location}) {
       g_signal_handlers_disconnect_by_data(widget, impl_.get());
     }
     gtk_widget_destroy(impl_->window);
   }
+  if (impl_->buttonIcon) cairo_surface_destroy(impl_->buttonIcon);
 }
 
 // --- SFSafariWindow ----------------------------------------------------------------
@@ -162,14 +176,8 @@ void Impl::build(bool offscreen) {
   gtk_box_pack_start(GTK_BOX(bar), location, TRUE, TRUE, 0);
 
   button = gtk_button_new();
-  GtkWidget* face = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 2);
-  buttonImage = gtk_image_new_from_icon_name("application-x-addon-symbolic", GTK_ICON_SIZE_BUTTON);
-  buttonLabel = gtk_label_new(nullptr);
-  badge = gtk_label_new(nullptr);
-  gtk_box_pack_start(GTK_BOX(face), buttonImage, FALSE, FALSE, 0);
-  gtk_box_pack_start(GTK_BOX(face), buttonLabel, FALSE, FALSE, 0);
-  gtk_box_pack_start(GTK_BOX(face), badge, FALSE, FALSE, 0);
-  gtk_container_add(GTK_CONTAINER(button), face);
+  buttonFace = gtk_drawing_area_new();
+  gtk_container_add(GTK_CONTAINER(button), buttonFace);
   gtk_box_pack_end(GTK_BOX(bar), button, FALSE, FALSE, 0);
 
   notebook = gtk_notebook_new();
@@ -185,6 +193,7 @@ void Impl::build(bool offscreen) {
   g_signal_connect(notebook, "switch-page", G_CALLBACK(&onSwitchPage), this);
   g_signal_connect(notebook, "page-reordered", G_CALLBACK(&onReordered), this);
   g_signal_connect(button, "clicked", G_CALLBACK(&onButtonClicked), this);
+  g_signal_connect(buttonFace, "draw", G_CALLBACK(&onDrawFace), this);
   g_signal_connect(location, "activate", G_CALLBACK(&onLocationActivated), this);
   gtk_widget_show_all(window);
   refreshButton();
@@ -195,6 +204,12 @@ std::shared_ptr<WebKitTab> Impl::addTab(const std::string& url, bool makeActive)
   auto browserObject = browser.lock();
   if (!owner || !browserObject || closed) return nullptr;
   auto tab = WebKitTab::Impl::make(owner, browserObject->internals());
+  insertTab(tab, makeActive);
+  tab->internals().load(url);
+  return tab;
+}
+
+void Impl::insertTab(const std::shared_ptr<WebKitTab>& tab, bool makeActive) {
   auto& t = tab->internals();
   gtk_widget_show(GTK_WIDGET(t.view));
   rearranging = true;
@@ -203,11 +218,12 @@ std::shared_ptr<WebKitTab> Impl::addTab(const std::string& url, bool makeActive)
   rearranging = false;
   tabs.push_back(tab);
   if (makeActive || tabs.size() == 1) setActive(tab);
-  t.load(url);
-  return tab;
 }
 
 void Impl::setActive(const std::shared_ptr<WebKitTab>& tab) {
+  if (activeTab.lock() != tab) {
+    if (auto browserObject = browser.lock()) browserObject->internals().closePopoverFor(this);
+  }
   activeTab = tab;
   const int position = gtk_notebook_page_num(GTK_NOTEBOOK(notebook), GTK_WIDGET(tab->internals().view));
   rearranging = true;
@@ -251,9 +267,11 @@ void Impl::closeNow() {
   for (const auto& tab : closing) tab->internals().closeNow();
   item->setChangeHandler(nullptr);
   if (window) {
-    for (GtkWidget* widget : {window, notebook, button, location}) g_signal_handlers_disconnect_by_data(widget, this);
+    for (GtkWidget* widget : {window, notebook, button, buttonFace, location}) {
+      g_signal_handlers_disconnect_by_data(widget, this);
+    }
     gtk_widget_destroy(window);  // with the tabs' views
-    window = notebook = location = button = buttonImage = buttonLabel = badge = nullptr;
+    window = notebook = location = button = buttonFace = nullptr;
   }
   if (browserObject) browserObject->internals().forgetWindow(this);
 }
@@ -261,22 +279,23 @@ void Impl::closeNow() {
 void Impl::refreshButton() {
   buttonRefreshPending = false;
   if (closed || !button) return;
-  const auto image = item->image();
-  GdkPixbuf* pixbuf = image ? gdk_pixbuf_new_from_file_at_scale(image->path.c_str(), 16, 16, TRUE, nullptr)
-                            : nullptr;
-  if (pixbuf) {
-    gtk_image_set_from_pixbuf(GTK_IMAGE(buttonImage), pixbuf);
-    g_object_unref(pixbuf);
-  } else {
-    gtk_image_set_from_icon_name(GTK_IMAGE(buttonImage), "application-x-addon-symbolic", GTK_ICON_SIZE_BUTTON);
-  }
-  const auto label = item->label().value_or("");
-  gtk_label_set_text(GTK_LABEL(buttonLabel), label.c_str());
-  gtk_widget_set_visible(buttonLabel, !label.empty());
-  const auto badgeText = item->badgeText().value_or("");
-  gtk_label_set_text(GTK_LABEL(badge), badgeText.c_str());
-  gtk_widget_set_visible(badge, !badgeText.empty());
+  const PixelSize size = toolbarFaceSize(ToolbarFace::of(*item));
+  gtk_widget_set_size_request(buttonFace, size.width, size.height);
+  gtk_widget_queue_draw(buttonFace);
   gtk_widget_set_sensitive(button, item->isEnabled());
+}
+
+cairo_surface_t* Impl::iconForButton() {
+  const auto image = item->image();
+  const std::string path = image ? image->path : "";
+  const int scale = buttonFace ? gtk_widget_get_scale_factor(buttonFace) : 1;
+  if (path != buttonIconPath || scale != buttonIconScale) {
+    if (buttonIcon) cairo_surface_destroy(buttonIcon);
+    buttonIcon = path.empty() ? nullptr : renderToolbarIcon(path, scale);
+    buttonIconPath = path;
+    buttonIconScale = scale;
+  }
+  return buttonIcon;
 }
 
 void Impl::refreshLocation() {

@@ -350,7 +350,7 @@ describe('appex run --control', () => {
     await host.call('closePopover');
 
     assert.match(await host.failure('snapshot', { of: 'background' }), /"of" and "path" are required/);
-    assert.match(await host.failure('snapshot', { of: 'everything', path: join(pngs, 'x.png') }), /"of" is "background", "popover" or "tab"/);
+    assert.match(await host.failure('snapshot', { of: 'everything', path: join(pngs, 'x.png') }), /"of" is "background", "popover", "toolbar" or "tab"/);
     assert.match(await host.failure('snapshot', { of: 'tab', path: join(pngs, 'x.png') }), /"tab" is required/);
     assert.match(await host.failure('snapshot', { of: 'tab', tab: 't99', path: join(pngs, 'x.png') }), /no tab t99/);
     assert.match(await host.failure('snapshot', { of: 'background', path: join(scratch, 'no/such/dir/x.png') }), /snapshot failed/);
