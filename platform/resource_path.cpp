@@ -1,9 +1,9 @@
-#include "platform/webkit/resource_path.h"
+#include "platform/resource_path.h"
 
 #include <system_error>
 #include <vector>
 
-namespace appex::webkit {
+namespace appex {
 namespace {
 
 int hexValue(char c) {
@@ -96,4 +96,4 @@ std::expected<std::filesystem::path, ResourceRefusal> resolveResourceURLPath(
   return locate(root, segments);
 }
 
-}  // namespace appex::webkit
+}  // namespace appex

@@ -17,7 +17,7 @@
 #include <string>
 #include <string_view>
 
-namespace appex::webkit {
+namespace appex {
 
 enum class ResourceRefusal {
   // The path names something outside the root, or is malformed.
@@ -38,4 +38,4 @@ std::expected<std::filesystem::path, ResourceRefusal> resolveResourceURLPath(
 // Decodes %XX escapes; nothing for a malformed one ("%4", "%zz").
 std::optional<std::string> percentDecode(std::string_view text);
 
-}  // namespace appex::webkit
+}  // namespace appex

@@ -1,0 +1,98 @@
+// The extension author's loop with the appex program, end to end: `appex
+// check` on a bundle being written, the example run from the source tree,
+// `appex init` for a new bundle, and `appex run --watch` picking up edits.
+//
+// Environment (set by the ctest registration): APPEX_BIN, APPEX_EXAMPLE.
+
+import assert from 'node:assert/strict';
+import { cpSync, mkdirSync, mkdtempSync, readFileSync, rmSync, symlinkSync, unlinkSync, writeFileSync } from 'node:fs';
+import { tmpdir } from 'node:os';
+import { join } from 'node:path';
+import { after, describe, it } from 'node:test';
+
+import { appexBin, exampleBundle, runAppex } from './appex_host.mjs';
+
+assert.ok(appexBin && exampleBundle, 'APPEX_BIN and APPEX_EXAMPLE must be set');
+
+const scratch = mkdtempSync(join(tmpdir(), 'appex-devloop-'));
+after(() => rmSync(scratch, { recursive: true, force: true }));
+
+let copies = 0;
+// A fresh copy of the example (links followed) that `change` edits.
+function exampleCopy(change = () => {}) {
+  const bundle = join(scratch, `copy-${++copies}`, 'Example.appex');
+  cpSync(exampleBundle, bundle, { recursive: true, dereference: true });
+  change(bundle);
+  return bundle;
+}
+const infoOf = (b) => join(b, 'Contents/Info.plist');
+const assetsOf = (b) => join(b, 'Contents/Resources/Assets/extension');
+// Replaces `from` by `to` in the bundle's Info.plist.
+const editInfo = (b, from, to) => {
+  const text = readFileSync(infoOf(b), 'utf8');
+  assert.ok(text.includes(from), `Info.plist lacks ${from}`);
+  writeFileSync(infoOf(b), text.replace(from, to));
+};
+const ownScript = '<string>Assets/extension/content.js</string>';
+
+describe('appex check', () => {
+  // Each case edits a copy of the example; `code` is the exit code, `stderr`
+  // what the message must say, `args` extra options.
+  const cases = {
+    'a script above the resources': {
+      change: (b) => { writeFileSync(join(b, 'Contents/x.js'), ''); editInfo(b, ownScript, '<string>../x.js</string>'); },
+      code: 3, stderr: /declared content script outside the bundle's resources: \.\.\/x\.js/,
+    },
+    'a script at an absolute path': {
+      change: (b) => editInfo(b, ownScript, `<string>${join(b, 'Contents/Info.plist')}</string>`),
+      code: 3, stderr: /declared content script outside the bundle's resources: \//,
+    },
+    'a script linked to a file outside': {
+      change: (b) => {
+        writeFileSync(join(scratch, 'secret.js'), '');
+        unlinkSync(join(assetsOf(b), 'content.js'));
+        symlinkSync(join(scratch, 'secret.js'), join(assetsOf(b), 'content.js'));
+      },
+      code: 3, stderr: /declared content script outside the bundle's resources: Assets\/extension\/content\.js/,
+    },
+    'a style sheet above the resources': {
+      change: (b) => editInfo(b, '<string>Assets/extension/content.css</string>', '<string>Assets/../../Info.plist</string>'),
+      code: 3, stderr: /declared style sheet outside the bundle's resources/,
+    },
+    'a background page linked outside': {
+      change: (b) => {
+        unlinkSync(join(assetsOf(b), 'safari_background.html'));
+        symlinkSync(infoOf(b), join(assetsOf(b), 'safari_background.html'));
+      },
+      code: 3, stderr: /background page outside the bundle's resources/,
+    },
+    'malformed XML': {
+      change: (b) => editInfo(b, '<string>Word Count</string>\n', '<string>Word Count</strin>\n'),
+      code: 3, stderr: /Info\.plist is not a property list .*: line 8: .*mismatch/,
+    },
+    'a key with no value': {
+      change: (b) => editInfo(b, '<string>3</string>', ''),
+      code: 3, stderr: /Info\.plist is not a property list .*: line 11: <key>CFBundleVersion<\/key> has no value/,
+    },
+    'a misspelt key': {
+      change: (b) => editInfo(b, 'SFSafariContentScript<', 'SFSafariContentScripts<'),
+      code: 0,
+      stderr: /^appex check: warning: NSExtension key "SFSafariContentScripts" is not a known key; did you mean "SFSafariContentScript"\?$/m,
+    },
+    'a misspelt key, strict': {
+      change: (b) => editInfo(b, '<key>Style Sheet</key>', '<key>StyleSheet</key>'),
+      args: ['--strict'], code: 3, stderr: /warning: SFSafariStyleSheet entry 0 key "StyleSheet" .*did you mean "Style Sheet"/,
+    },
+    'an unknown key, strict': {
+      change: (b) => editInfo(b, '<key>SFSafariToolbarItem</key>', '<key>SFSafariFrobnicator</key><true/><key>SFSafariToolbarItem</key>'),
+      args: ['--strict'], code: 3, stderr: /^appex check: warning: NSExtension key "SFSafariFrobnicator" is not a known key/m,
+    },
+  };
+  for (const [name, { change, code, stderr, args = [] }] of Object.entries(cases)) {
+    it(name, () => {
+      const result = runAppex(['check', exampleCopy(change), ...args]);
+      assert.equal(result.code, code, result.stderr);
+      assert.match(result.stderr, stderr);
+    });
+  }
+});
