@@ -15,3 +15,6 @@ add_library(appex_platform_storage
 target_link_libraries(appex_platform_storage
   PUBLIC appex_message
   PRIVATE SQLite::SQLite3 CURL::libcurl PkgConfig::PLIST PkgConfig::XML2)
+# The SDK shipped with appex: bundles may link to its files (resource_path.h).
+set_source_files_properties(${CMAKE_CURRENT_LIST_DIR}/resource_path.cpp PROPERTIES
+  COMPILE_DEFINITIONS APPEX_SDK_DIR="${CMAKE_SOURCE_DIR}/sdk")

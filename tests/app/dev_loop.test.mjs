@@ -2,7 +2,8 @@
 // check` on a bundle being written, the example run from the source tree,
 // `appex init` for a new bundle, and `appex run --watch` picking up edits.
 //
-// Environment (set by the ctest registration): APPEX_BIN, APPEX_EXAMPLE.
+// Environment (set by the ctest registration): APPEX_BIN, APPEX_EXAMPLE (the
+// example in the source tree), APPEX_SITE (its page).
 
 import assert from 'node:assert/strict';
 import { cpSync, mkdirSync, mkdtempSync, readFileSync, rmSync, symlinkSync, unlinkSync, writeFileSync } from 'node:fs';
@@ -10,9 +11,9 @@ import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { after, describe, it } from 'node:test';
 
-import { appexBin, exampleBundle, runAppex } from './appex_host.mjs';
+import { Host, appexBin, exampleBundle, exampleSite, runAppex } from './appex_host.mjs';
 
-assert.ok(appexBin && exampleBundle, 'APPEX_BIN and APPEX_EXAMPLE must be set');
+assert.ok(appexBin && exampleBundle && exampleSite, 'APPEX_BIN, APPEX_EXAMPLE and APPEX_SITE must be set');
 
 const scratch = mkdtempSync(join(tmpdir(), 'appex-devloop-'));
 after(() => rmSync(scratch, { recursive: true, force: true }));
@@ -95,4 +96,29 @@ describe('appex check', () => {
       assert.match(result.stderr, stderr);
     });
   }
+});
+
+// Starts `appex run bundle --control args...` and waits for `ready`.
+async function started(bundle, args = []) {
+  const host = new Host(['run', bundle, '--control', '--data-dir', join(scratch, `data-${++copies}`), ...args]);
+  await host.waitFor('ready', {}, { timeoutMs: 30_000 });
+  return host;
+}
+
+describe('the example in the source tree', () => {
+  it('checks clean and runs as it is: its pages and content scripts have the SDK', async () => {
+    const check = runAppex(['check', exampleBundle]);
+    assert.equal(check.code, 0, check.stderr);
+    assert.equal(check.stderr, '');
+
+    const host = await started(exampleBundle, ['--serve', exampleSite, '--open', 'index.html']);
+    try {
+      assert.equal(await host.call('eval', { in: 'background', code: 'typeof appex.tabs.query' }), 'function');
+      // The content script counted the page through the SDK; the background
+      // page put the count on the badge.
+      await host.waitEvent((e) => e.event === 'toolbar' && /^\d+$/.test(e.badgeText ?? ''), { what: 'the badge' });
+    } finally {
+      host.kill();
+    }
+  });
 });
