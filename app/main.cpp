@@ -2,6 +2,7 @@
 //
 //   appex run [BUNDLE] [options]   run the extension (default: the example)
 //   appex check BUNDLE [--strict]  validate a bundle and print what it declares
+//   appex init DIR                 write a new bundle to start from
 //
 // Exit codes: 0 success; 1 the run failed; 2 bad command line; 3 bad
 // bundle; 4 no display could be had.
@@ -11,6 +12,7 @@
 
 #include "app/check_command.h"
 #include "app/exit_codes.h"
+#include "app/init_command.h"
 #include "app/run_command.h"
 
 namespace {
@@ -21,6 +23,7 @@ const char* kUsage =
     "commands:\n"
     "  run [BUNDLE]    run an extension bundle on WebKit (default: the bundled example)\n"
     "  check BUNDLE    validate a bundle and print what it declares (--strict: warnings fail)\n"
+    "  init DIR        write a new extension bundle into DIR, with a test that runs it\n"
     "\n"
     "'appex <command> --help' describes a command's options.\n"
     "exit codes: 0 ok, 1 run failed, 2 bad command line, 3 bad bundle, 4 no display\n";
@@ -37,6 +40,7 @@ int main(int argc, char** argv) {
   args.erase(args.begin());
   if (command == "check") return appex::checkCommand(args);
   if (command == "run") return appex::runCommand(args);
+  if (command == "init") return appex::initCommand(args);
   std::cerr << "appex: unknown command '" << command << "'\n\n" << kUsage;
   return appex::kExitUsage;
 }

@@ -6,6 +6,7 @@
 // example in the source tree), APPEX_SITE (its page).
 
 import assert from 'node:assert/strict';
+import { spawnSync } from 'node:child_process';
 import { cpSync, mkdirSync, mkdtempSync, readFileSync, rmSync, symlinkSync, unlinkSync, writeFileSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
@@ -120,5 +121,29 @@ describe('the example in the source tree', () => {
     } finally {
       host.kill();
     }
+  });
+});
+
+describe('appex init', () => {
+  it('writes a bundle that checks clean and whose own test runs it', () => {
+    const bundle = join(scratch, 'New Thing.appex');
+    const init = runAppex(['init', bundle]);
+    assert.equal(init.code, 0, init.stderr);
+    const check = runAppex(['check', bundle]);
+    assert.equal(check.code, 0, check.stderr);
+    assert.equal(check.stderr, '');
+    assert.match(check.stdout, /identifier: +com\.example\.new-thing/);
+    // The client test it wrote: `appex run --control` up to `ready`, then an
+    // eval in the background page.
+    // (A test run of its own: without the marker of the runner this file is in.)
+    const env = { ...process.env, APPEX_BIN: appexBin };
+    delete env.NODE_TEST_CONTEXT;
+    const clientTest = spawnSync(process.execPath, ['--test', join(bundle, 'test')], { encoding: 'utf8', timeout: 90_000, env });
+    assert.equal(clientTest.status, 0, clientTest.stdout + clientTest.stderr);
+    assert.match(clientTest.stdout, /# pass 1/);
+
+    const again = runAppex(['init', bundle]);
+    assert.equal(again.code, 1);
+    assert.match(again.stderr, /not an empty folder; nothing written/);
   });
 });
