@@ -34,6 +34,8 @@ if(APPEX_WITH_WEBKIT)
     ${CMAKE_CURRENT_LIST_DIR}/webkit/script_evaluation.cpp
     ${CMAKE_CURRENT_LIST_DIR}/webkit/snapshot.cpp
     ${CMAKE_CURRENT_LIST_DIR}/webkit/webkit_browser.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/webkit/content_reload.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/webkit/gio_file_watcher.cpp
     ${CMAKE_CURRENT_LIST_DIR}/webkit/webkit_tab.cpp
     ${CMAKE_CURRENT_LIST_DIR}/webkit/webkit_toolbar_item.cpp
     ${CMAKE_CURRENT_LIST_DIR}/webkit/webkit_window.cpp

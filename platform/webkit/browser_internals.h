@@ -64,6 +64,9 @@ struct WebKitBrowser::Impl {
   bool shutDown = false;
   std::uint64_t serial = 0;
 
+  // Makes `scripts` and `styleSheets` from `rules` (content_reload.cpp),
+  // letting go of the previous ones; tabs made later get them.
+  void installRules(ContentRules rules);
   // A web view for a tab: the tab context, the content scripts and style
   // sheets, ephemeral for private windows.
   WebKitWebView* makeTabView(bool isPrivate);

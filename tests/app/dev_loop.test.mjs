@@ -7,7 +7,7 @@
 
 import assert from 'node:assert/strict';
 import { spawnSync } from 'node:child_process';
-import { cpSync, mkdirSync, mkdtempSync, readFileSync, rmSync, symlinkSync, unlinkSync, writeFileSync } from 'node:fs';
+import { appendFileSync, cpSync, mkdirSync, mkdtempSync, readFileSync, rmSync, symlinkSync, unlinkSync, writeFileSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { after, describe, it } from 'node:test';
@@ -145,5 +145,45 @@ describe('appex init', () => {
     const again = runAppex(['init', bundle]);
     assert.equal(again.code, 1);
     assert.match(again.stderr, /not an empty folder; nothing written/);
+  });
+});
+
+describe('appex run --headed', () => {
+  it('is documented and needs the display it names', () => {
+    const help = runAppex(['run', '--help']);
+    assert.match(help.stdout, /--headed +show the windows on the display in DISPLAY/);
+    assert.match(help.stdout, /--watch +reload the extension's pages/);
+    const env = { ...process.env };
+    delete env.DISPLAY;
+    const result = runAppex(['run', exampleBundle, '--headed'], { input: '', env });
+    assert.equal(result.code, 4, result.stderr);
+    assert.match(result.stderr, /--headed .*DISPLAY is not set/);
+  });
+});
+
+describe('appex run --watch', () => {
+  it('reloads the background page and the tabs\' content scripts after an edit', async () => {
+    const bundle = exampleCopy();
+    const host = await started(bundle, ['--watch', '--serve', exampleSite, '--open', 'index.html']);
+    try {
+      await host.waitFor('tabOpened', { tab: 't1' });
+      // The value of `code` once it can be had (pages reload meanwhile).
+      const valueIn = async (where, code) => {
+        const reply = await host.request('eval', { ...where, code });
+        return reply.ok ? reply.result : undefined;
+      };
+      const since = host.mark();
+      appendFileSync(join(assetsOf(bundle), 'background.js'), "\nglobalThis.edited = 'background, edited';\n");
+      appendFileSync(join(assetsOf(bundle), 'content.js'), "\nglobalThis.edited = 'content, edited';\n");
+      const reloaded = await host.waitFor('reloaded', {}, { since });
+      assert.match(reloaded.path, /^Assets\/extension\/(background|content)\.js$/);
+      assert.match(host.stderr, /\[watch\] reloaded after change to Assets\/extension\/(background|content)\.js/);
+      await host.until(async () => (await valueIn({ in: 'background' }, 'globalThis.edited')) === 'background, edited',
+        20_000, 'the edited background page');
+      await host.until(async () => (await valueIn({ in: 'tab', tab: 't1' }, 'globalThis.edited')) === 'content, edited',
+        20_000, 'the edited content script');
+    } finally {
+      host.kill();
+    }
   });
 });
