@@ -99,7 +99,7 @@ int runCommand(const std::vector<std::string>& args) {
     }
   }
 
-  if (options.headed && !std::getenv("DISPLAY")) {
+  if (const char* shown = std::getenv("DISPLAY"); options.headed && (!shown || !*shown)) {
     std::cerr << "appex run: --headed shows the windows on the display in DISPLAY, and DISPLAY is not set\n";
     return kExitNoDisplay;
   }
