@@ -1,16 +1,23 @@
 #include "app/bundle_check.h"
 
+#include <optional>
 #include <system_error>
 
 #include "api/safari_meta_api.h"
 #include "platform/bundle.h"
+#include "platform/resource_path.h"
 
 namespace appex {
 namespace {
 
-bool isFile(const std::filesystem::path& p) {
-  std::error_code ec;
-  return std::filesystem::is_regular_file(p, ec);
+// Nothing when `relative` names a file inside the resource folder (every
+// symbolic link followed); else the problem, as "<what> <path>".
+std::optional<std::string> resourceProblem(const std::filesystem::path& resources, const std::string& relative,
+                                           const std::string& missing, const std::string& outside) {
+  auto resolved = resolveResourcePath(resources, relative);
+  if (resolved) return std::nullopt;
+  if (resolved.error() == ResourceRefusal::outside) return outside + ": " + relative;
+  return missing + ": " + (resources / relative).string();
 }
 
 std::string joined(const std::vector<std::string>& items) {
@@ -29,24 +36,30 @@ std::expected<CheckedBundle, std::string> checkBundle(const std::filesystem::pat
   auto bundle = Bundle::load(path);
   if (!bundle) return std::unexpected(bundle.error());
   CheckedBundle checked{*bundle, ExtensionManifest::read((*bundle)->infoDictionary()), {}};
-  const std::filesystem::path assets = (*bundle)->webAssetsPath();
   const std::filesystem::path resources = std::filesystem::path((*bundle)->path()) / "Contents/Resources";
 
-  if (!isFile(assets / "safari_background.html")) {
-    return std::unexpected("missing background page: " + (assets / "safari_background.html").string());
+  if (auto problem = resourceProblem(resources, "Assets/extension/safari_background.html", "missing background page",
+                                     "background page outside the bundle's resources")) {
+    return std::unexpected(*problem);
   }
-  const bool popover = checked.manifest.toolbarItem && checked.manifest.toolbarItem->action == "Popover";
-  if (!isFile(assets / "popup.html")) {
-    if (popover) return std::unexpected("missing popup page: " + (assets / "popup.html").string());
+  // The popup page is needed only when the bundle declares a toolbar item
+  // that shows it.
+  if (checked.manifest.toolbarItem && checked.manifest.toolbarShowsPopover()) {
+    if (auto problem = resourceProblem(resources, "Assets/extension/popup.html", "missing popup page",
+                                       "popup page outside the bundle's resources")) {
+      return std::unexpected(*problem);
+    }
   }
   for (const auto& script : checked.manifest.scripts) {
-    if (!isFile(resources / script)) {
-      return std::unexpected("declared content script not found: " + (resources / script).string());
+    if (auto problem = resourceProblem(resources, script, "declared content script not found",
+                                       "declared content script outside the bundle's resources")) {
+      return std::unexpected(*problem);
     }
   }
   for (const auto& sheet : checked.manifest.styleSheets) {
-    if (!isFile(resources / sheet)) {
-      return std::unexpected("declared style sheet not found: " + (resources / sheet).string());
+    if (auto problem = resourceProblem(resources, sheet, "declared style sheet not found",
+                                       "declared style sheet outside the bundle's resources")) {
+      return std::unexpected(*problem);
     }
   }
   checked.warnings = checked.manifest.problems;
@@ -76,7 +89,6 @@ void describeBundle(const CheckedBundle& checked, std::ostream& out) {
   } else {
     out << "(none declared)\n";
   }
-  for (const auto& w : checked.warnings) out << "warning:         " << w << "\n";
 }
 
 }  // namespace appex

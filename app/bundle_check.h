@@ -4,8 +4,10 @@
 //
 // Checked: Contents/Info.plist (present, readable, with CFBundleIdentifier),
 // the background page (Assets/extension/safari_background.html), the popup
-// page when the toolbar item opens a popover, every declared content script
-// and style sheet. Declarations of the wrong shape are reported as warnings.
+// page when the bundle declares a toolbar item that opens a popover, every
+// declared content script and style sheet; each must be a file inside
+// Contents/Resources once symbolic links are followed. Declarations of the
+// wrong shape and misspelt or unknown keys are reported as warnings.
 //
 // Thread-compatible.
 #pragma once
@@ -32,7 +34,8 @@ struct CheckedBundle {
 // The bundle at `path`, or the first problem found, naming the file.
 std::expected<CheckedBundle, std::string> checkBundle(const std::filesystem::path& path);
 
-// What `appex check` prints: the bundle's identity and declarations.
+// What `appex check` prints: the bundle's identity and declarations (the
+// warnings are the caller's to report).
 void describeBundle(const CheckedBundle& checked, std::ostream& out);
 
 }  // namespace appex

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstdlib>
 #include <cstdio>
 #include <iostream>
 #include <mutex>
@@ -10,6 +11,7 @@
 #include <boost/json/serialize.hpp>
 
 #include "app/bundle_check.h"
+#include "app/bundle_watch.h"
 #include "app/control_channel.h"
 #include "app/control_commands.h"
 #include "app/exit_codes.h"
@@ -97,6 +99,10 @@ int runCommand(const std::vector<std::string>& args) {
     }
   }
 
+  if (const char* shown = std::getenv("DISPLAY"); options.headed && (!shown || !*shown)) {
+    std::cerr << "appex run: --headed shows the windows on the display in DISPLAY, and DISPLAY is not set\n";
+    return kExitNoDisplay;
+  }
   auto display = VirtualDisplay::ensure();
   if (!display) {
     std::cerr << "appex run: " << display.error() << "\n";
@@ -141,6 +147,17 @@ int runCommand(const std::vector<std::string>& args) {
     return kExitFailed;
   }
   HostSession& s = **session;
+  std::unique_ptr<BundleWatch> watch;
+  if (options.watch) {
+    auto started = BundleWatch::start(s, options.bundle, events, err);
+    if (!started) {
+      session->reset();
+      setLogSink(nullptr);
+      std::cerr << "appex run: " << started.error() << "\n";
+      return kExitFailed;
+    }
+    watch = std::move(*started);
+  }
   if (options.trace) SafariMessagingAPI::shared()->setTrace([](const std::string& line) { err("[trace] " + line); });
 
   bool quit = false;
@@ -206,6 +223,7 @@ int runCommand(const std::vector<std::string>& args) {
     err("appex run: the example did not finish (is the background page loading?)");
     exitCode = kExitFailed;
   }
+  watch.reset();
   session->reset();
   setLogSink(nullptr);
   return exitCode;

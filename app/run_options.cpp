@@ -23,6 +23,9 @@ std::expected<ParsedRun, std::string> parseRunOptions(const std::vector<std::str
        "or a tab handle ('t1') once it has loaded")
       ("timeout", po::value<double>(), "stop after SECONDS")
       ("private", po::bool_switch(), "make the first window private")
+      ("watch", po::bool_switch(), "reload the extension's pages and the tabs when files in the bundle change")
+      ("headed", po::bool_switch(), "show the windows on the display in DISPLAY (fails without one); "
+                                    "without it, appex uses DISPLAY when set, else starts its own Xvfb")
       ("help,h", "show this help");
   po::options_description hidden;
   hidden.add_options()("bundle", po::value<std::string>());
@@ -64,6 +67,8 @@ std::expected<ParsedRun, std::string> parseRunOptions(const std::vector<std::str
   o.control = vm["control"].as<bool>();
   o.trace = vm["trace"].as<bool>();
   o.privateWindow = vm["private"].as<bool>();
+  o.watch = vm["watch"].as<bool>();
+  o.headed = vm["headed"].as<bool>();
   if (vm.count("timeout")) {
     o.timeoutSeconds = vm["timeout"].as<double>();
     if (*o.timeoutSeconds <= 0) return std::unexpected("--timeout must be a positive number of seconds");

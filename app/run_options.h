@@ -20,6 +20,8 @@ struct RunOptions {
   std::vector<std::pair<std::string, std::string>> snapshots;  // (what, file)
   std::optional<double> timeoutSeconds;
   bool privateWindow = false;        // the first window is private
+  bool watch = false;                // reload the extension when its bundle's files change
+  bool headed = false;               // windows on the display in DISPLAY, never a private Xvfb
 };
 
 // The options, or (when `help` is set instead) nothing and the help text

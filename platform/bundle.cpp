@@ -1,7 +1,10 @@
 #include "platform/bundle.h"
 
+#include <libxml/parser.h>
+#include <libxml/tree.h>
 #include <plist/plist.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -9,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <limits>
 #include <system_error>
@@ -176,6 +180,82 @@ AnyValue toValue(plist_t node, int depth, bool& holdsNul) {
   }
 }
 
+// libplist says only that a file is no property list. For XML text this
+// finds where, as ": line N: what": the first point where it stops being
+// well-formed XML (libxml2), else the first element out of place in a
+// property list. Empty when it cannot tell (binary data, or an error
+// libplist sees in well-formed XML of the right shape, such as a bad date).
+std::string whereXMLFails(const std::string& bytes) {
+  const auto first = bytes.find_first_not_of(" \t\r\n");
+  if (first == std::string::npos || bytes[first] != '<') return "";
+  xmlParserCtxtPtr parser = xmlNewParserCtxt();
+  if (!parser) return "";
+  // The first error is the one to show (the parser goes on after it, and
+  // what follows is often a consequence). It reaches the structured error
+  // handler with the parser as its data.
+  std::string where;
+  parser->_private = &where;
+  parser->sax->serror = [](void* data, xmlErrorPtr e) {
+    auto& first = *static_cast<std::string*>(static_cast<xmlParserCtxtPtr>(data)->_private);
+    if (!first.empty() || !e || !e->message) return;
+    std::string message = e->message;
+    while (!message.empty() && (message.back() == '\n' || message.back() == ' ')) message.pop_back();
+    first = ": line " + std::to_string(e->line) + ": " + message;
+  };
+  // No network, no external entities, no output of its own.
+  xmlDocPtr doc = xmlCtxtReadMemory(parser, bytes.data(), static_cast<int>(bytes.size()), "Info.plist", nullptr,
+                                    XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+  if (!parser->wellFormed || !doc) {
+    // `where` holds the first error, if the parser reported one.
+  } else {
+    // Property list shape: <plist> holds one value; a <dict> alternates
+    // <key> and a value; values are the plist elements.
+    static constexpr std::string_view kValues[] = {"dict", "array", "string", "integer", "real",
+                                                   "true", "false", "date",  "data"};
+    auto isValue = [](const xmlNode* n) {
+      const std::string_view name = reinterpret_cast<const char*>(n->name);
+      return std::find(std::begin(kValues), std::end(kValues), name) != std::end(kValues);
+    };
+    auto misplaced = [](const xmlNode* n, const std::string& what) {
+      return ": line " + std::to_string(xmlGetLineNo(n)) + ": <" + reinterpret_cast<const char*>(n->name) + "> " +
+             what;
+    };
+    auto keyWithoutValue = [](const xmlNode* key) {
+      xmlChar* text = xmlNodeGetContent(key);
+      std::string out = ": line " + std::to_string(xmlGetLineNo(key)) + ": <key>" +
+                        (text ? reinterpret_cast<const char*>(text) : "") + "</key> has no value";
+      xmlFree(text);
+      return out;
+    };
+    std::function<std::string(const xmlNode*, int)> walk = [&](const xmlNode* parent, int depth) -> std::string {
+      if (depth > kMaxDepth) return "";
+      const bool inDict = std::string_view(reinterpret_cast<const char*>(parent->name)) == "dict";
+      const xmlNode* key = nullptr;  // in a dict: the key waiting for its value
+      for (const xmlNode* n = parent->children; n; n = n->next) {
+        if (n->type != XML_ELEMENT_NODE) continue;
+        const std::string_view name = reinterpret_cast<const char*>(n->name);
+        if (inDict && name == "key") {
+          if (key) return keyWithoutValue(key);
+          key = n;
+          continue;
+        }
+        if (inDict && !key) return misplaced(n, "stands where a <key> belongs");
+        key = nullptr;
+        if (!isValue(n)) return misplaced(n, "is not a property list element");
+        if (name == "dict" || name == "array") {
+          if (auto inner = walk(n, depth + 1); !inner.empty()) return inner;
+        }
+      }
+      return key ? keyWithoutValue(key) : "";
+    };
+    const xmlNode* root = xmlDocGetRootElement(doc);
+    if (root && std::string_view(reinterpret_cast<const char*>(root->name)) == "plist") where = walk(root, 0);
+  }
+  xmlFreeDoc(doc);
+  xmlFreeParserCtxt(parser);
+  return where;
+}
+
 }  // namespace
 
 Bundle::Bundle(std::string path, std::string identifier, Dictionary info)
@@ -223,7 +303,8 @@ std::expected<std::shared_ptr<Bundle>, std::string> Bundle::load(const std::file
   }
   PlistHandle owned(root);
   if (!root) {
-    return std::unexpected("bundle: " + infoFile.string() + " is not a property list (XML or binary)");
+    return std::unexpected("bundle: " + infoFile.string() + " is not a property list (XML or binary)" +
+                           whereXMLFails(bytes));
   }
   if (plist_get_node_type(root) != PLIST_DICT) {
     return std::unexpected("bundle: " + infoFile.string() + " does not hold a dictionary");

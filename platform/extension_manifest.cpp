@@ -1,7 +1,51 @@
 #include "platform/extension_manifest.h"
 
+#include <algorithm>
+#include <initializer_list>
+
 namespace appex {
 namespace {
+
+char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+// Levenshtein distance, ASCII case ignored.
+std::size_t editDistance(std::string_view a, std::string_view b) {
+  std::vector<std::size_t> row(b.size() + 1);
+  for (std::size_t j = 0; j <= b.size(); ++j) row[j] = j;
+  for (std::size_t i = 1; i <= a.size(); ++i) {
+    std::size_t diagonal = row[0];
+    row[0] = i;
+    for (std::size_t j = 1; j <= b.size(); ++j) {
+      const std::size_t above = row[j];
+      row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (lower(a[i - 1]) == lower(b[j - 1]) ? 0 : 1)});
+      diagonal = above;
+    }
+  }
+  return row[b.size()];
+}
+
+// Notes each key of `dict` that is not in `known` but close to one of them
+// (a likely misspelling: a differing case, or up to two edits, one for keys
+// shorter than six characters), and with `safariKeys` every other unknown
+// key starting "SFSafari".
+void checkKeys(const Dictionary& dict, std::string_view where, std::initializer_list<std::string_view> known,
+               bool safariKeys, std::vector<std::string>& problems) {
+  for (const auto& entry : dict) {
+    const std::string_view key = entry.key();
+    if (std::find(known.begin(), known.end(), key) != known.end()) continue;
+    const std::string_view* nearest = nullptr;
+    for (const auto& candidate : known) {
+      const std::size_t allowed = candidate.size() < 6 ? 1 : 2;
+      if (editDistance(key, candidate) <= allowed) nearest = &candidate;
+    }
+    const std::string prefix = std::string(where) + " key \"" + std::string(key) + "\" is not a known key";
+    if (nearest) {
+      problems.push_back(prefix + "; did you mean \"" + std::string(*nearest) + "\"?");
+    } else if (safariKeys && key.starts_with("SFSafari")) {
+      problems.push_back(prefix + "; it is ignored");
+    }
+  }
+}
 
 bool isHostCharacter(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
@@ -20,6 +64,7 @@ std::vector<std::string> pathsUnder(const Dictionary& extension, std::string_vie
   }
   for (std::size_t i = 0; i < list->size(); ++i) {
     const auto* item = (*list)[i].if_object();
+    if (item) checkKeys(*item, std::string(listKey) + " entry " + std::to_string(i), {itemKey}, false, problems);
     auto path = item ? asString(*item, itemKey) : std::nullopt;
     if (!path || path->empty()) {
       problems.push_back(std::string(listKey) + " entry " + std::to_string(i) + " has no \"" +
@@ -35,11 +80,16 @@ std::vector<std::string> pathsUnder(const Dictionary& extension, std::string_vie
 
 ExtensionManifest ExtensionManifest::read(const Dictionary& info) {
   ExtensionManifest manifest;
+  checkKeys(info, "Info.plist", {"NSExtension"}, false, manifest.problems);
   const Dictionary* extension = asDictionary(info, "NSExtension");
   if (!extension) return manifest;
+  checkKeys(*extension, "NSExtension",
+            {"SFSafariContentScript", "SFSafariStyleSheet", "SFSafariWebsiteAccess", "SFSafariToolbarItem"}, true,
+            manifest.problems);
   manifest.scripts = pathsUnder(*extension, "SFSafariContentScript", "Script", manifest.problems);
   manifest.styleSheets = pathsUnder(*extension, "SFSafariStyleSheet", "Style Sheet", manifest.problems);
   if (const Dictionary* access = asDictionary(*extension, "SFSafariWebsiteAccess")) {
+    checkKeys(*access, "SFSafariWebsiteAccess", {"Level", "Allowed Domains"}, false, manifest.problems);
     if (auto level = asString(*access, "Level")) {
       if (*level == "All" || *level == "Some" || *level == "None") {
         manifest.accessLevel = *level;
@@ -65,6 +115,7 @@ ExtensionManifest ExtensionManifest::read(const Dictionary& info) {
     }
   }
   if (const Dictionary* item = asDictionary(*extension, "SFSafariToolbarItem")) {
+    checkKeys(*item, "SFSafariToolbarItem", {"Action", "Identifier", "Image", "Label"}, false, manifest.problems);
     ToolbarItemDeclaration declared;
     if (auto action = asString(*item, "Action")) {
       if (*action == "Popover" || *action == "Command") {

@@ -16,6 +16,10 @@
 // apply everywhere; the toolbar item shows the popover unless its Action
 // is "Command" (also when the bundle declares no toolbar item).
 //
+// Keys are checked too: one close to a known key (a likely misspelling,
+// "SFSafariContentScripts") and an unknown "SFSafari..." key under
+// NSExtension are reported in `problems`; other keys are left alone.
+//
 // A value type. Thread-compatible.
 #pragma once
 
@@ -45,7 +49,8 @@ struct ExtensionManifest {
   // Only entries that are domain patterns (isDomainPattern).
   std::vector<std::string> allowedDomains;
   std::optional<ToolbarItemDeclaration> toolbarItem;
-  // Declarations that could not be read, as sentences for a person.
+  // Declarations that could not be read and suspicious keys, as sentences
+  // for a person.
   std::vector<std::string> problems;
 
   static ExtensionManifest read(const Dictionary& info);

@@ -3,7 +3,7 @@
 # the popover, the base URI scheme and snapshots.
 #
 # appex_webkit_content: the parts that need no engine (Info.plist content
-# rules, resource paths), testable without a display.
+# rules), testable without a display.
 # appex_webkit_web_extension: the module WebKit loads into the tab web
 # processes; it is built alone in its folder, because WebKit loads every
 # module it finds there, and without sanitizers, because the web processes
@@ -11,7 +11,6 @@
 # appex_webkit_browser: the browser itself.
 add_library(appex_webkit_content
   ${CMAKE_CURRENT_LIST_DIR}/webkit/content_rules.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/webkit/resource_path.cpp
 )
 target_link_libraries(appex_webkit_content PUBLIC appex_message appex_manifest appex_platform_storage)
 
@@ -39,6 +38,8 @@ if(APPEX_WITH_WEBKIT)
     ${CMAKE_CURRENT_LIST_DIR}/webkit/snapshot.cpp
     ${CMAKE_CURRENT_LIST_DIR}/webkit/toolbar_face.cpp
     ${CMAKE_CURRENT_LIST_DIR}/webkit/webkit_browser.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/webkit/content_reload.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/webkit/gio_file_watcher.cpp
     ${CMAKE_CURRENT_LIST_DIR}/webkit/webkit_tab.cpp
     ${CMAKE_CURRENT_LIST_DIR}/webkit/webkit_toolbar_item.cpp
     ${CMAKE_CURRENT_LIST_DIR}/webkit/webkit_window.cpp

@@ -77,6 +77,9 @@ struct WebKitBrowser::Impl {
   bool shutDown = false;
   std::uint64_t serial = 0;
 
+  // Makes `scripts` and `styleSheets` from `rules` (content_reload.cpp),
+  // letting go of the previous ones; tabs made later get them.
+  void installRules(ContentRules rules);
   // A tab context over `data` (taken), with the web-process module and the
   // base URI scheme.
   WebKitWebContext* makeTabContext(WebKitWebsiteDataManager* data);

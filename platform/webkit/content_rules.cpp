@@ -4,7 +4,7 @@
 #include <sstream>
 
 #include "platform/bundle.h"
-#include "platform/webkit/resource_path.h"
+#include "platform/resource_path.h"
 
 namespace appex::webkit {
 namespace {

@@ -4,7 +4,7 @@
 // sheet files read and the toolbar image found.
 //
 // Paths are relative to Contents/Resources/ and must stay inside it
-// (resource_path.h); a file that cannot be read is left out and noted in
+// (platform/resource_path.h); a file that cannot be read is left out and noted in
 // `problems`, after the manifest's own problems.
 //
 // Value type; reading is thread-safe.

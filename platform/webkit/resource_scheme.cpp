@@ -18,7 +18,7 @@
 
 #include "core/log.h"
 #include "platform/webkit/browser_internals.h"
-#include "platform/webkit/resource_path.h"
+#include "platform/resource_path.h"
 
 namespace appex::webkit {
 namespace {

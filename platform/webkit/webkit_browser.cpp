@@ -39,14 +39,6 @@ bool holdsModule(const std::string& folder) {
   return false;
 }
 
-// A NULL-terminated array of C strings over `texts`.
-std::vector<const char*> cStrings(const std::vector<std::string>& texts) {
-  std::vector<const char*> out;
-  for (const auto& text : texts) out.push_back(text.c_str());
-  out.push_back(nullptr);
-  return out;
-}
-
 gboolean onPopoverKey(GtkWidget*, GdkEventKey* event, gpointer data) {
   if (event->keyval != GDK_KEY_Escape) return FALSE;
   static_cast<WebKitBrowser::Impl*>(data)->context.get<Popover>()->dismiss();
@@ -114,8 +106,6 @@ std::expected<std::shared_ptr<WebKitBrowser>, std::string> WebKitBrowser::create
   auto bundle = context.get<Bundle>();
   auto impl = std::make_unique<Impl>(context);
   impl->options = options;
-  impl->rules = readContentRules(*bundle);
-  for (const auto& problem : impl->rules.problems) logLine("Info.plist: " + problem);
   impl->baseURI = std::string(kScheme) + "://" + bundle->bundleIdentifier() + "/";
 
   WebKitWebsiteDataManager* data =
@@ -129,20 +119,8 @@ std::expected<std::shared_ptr<WebKitBrowser>, std::string> WebKitBrowser::create
   impl->resourcesFolder = bundle->path() + "/Contents/Resources";
   impl->webContext = impl->makeTabContext(data);
 
-  const std::vector<std::string> patterns = impl->rules.urlPatterns();
-  if (!patterns.empty()) {
-    const auto allow = cStrings(patterns);
-    for (const auto& script : impl->rules.scripts) {
-      impl->scripts.push_back(webkit_user_script_new_for_world(
-          script.text.c_str(), WEBKIT_USER_CONTENT_INJECT_ALL_FRAMES, WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_START,
-          kContentWorldName, allow.data(), nullptr));
-    }
-    for (const auto& sheet : impl->rules.styleSheets) {
-      impl->styleSheets.push_back(webkit_user_style_sheet_new(sheet.text.c_str(),
-                                                              WEBKIT_USER_CONTENT_INJECT_ALL_FRAMES,
-                                                              WEBKIT_USER_STYLE_LEVEL_USER, allow.data(), nullptr));
-    }
-  }
+  impl->installRules(readContentRules(*bundle));
+  for (const auto& problem : impl->rules.problems) logLine("Info.plist: " + problem);
 
   auto browser = std::make_shared<WebKitBrowser>(std::move(impl));
   browser->impl_->self = browser;

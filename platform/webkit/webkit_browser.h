@@ -135,6 +135,11 @@ class WebKitBrowser final : public SFSafariApplication,
       std::function<void(const std::shared_ptr<WebKitTab>& tab, const ConsoleMessage& message)>;
   void setConsoleObserver(ConsoleObserver observer);
 
+  // Reads the content scripts and style sheets from the bundle again (the
+  // declarations stay those read at start), puts them in every tab and
+  // reloads the tabs, so that edited files take effect.
+  void reloadContent();
+
   // Stops calling the callbacks and the console observer, hides the popover
   // and closes every window.
   void shutdown();

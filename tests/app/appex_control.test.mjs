@@ -111,7 +111,7 @@ describe('command line', () => {
     for (const [name, { breakIt, names }] of Object.entries(cases)) {
       it(name, () => {
         const bundle = join(scratch, name.replaceAll(' ', '-'), name === 'no such folder' ? 'Nowhere.appex' : 'Broken.appex');
-        cpSync(exampleBundle, bundle, { recursive: true });
+        cpSync(exampleBundle, bundle, { recursive: true, dereference: true });
         breakIt(bundle);
         for (const args of [['check', bundle], ['run', bundle, '--control', '--data-dir', dataDir]]) {
           const result = runAppex(args, { input: '' });

@@ -62,10 +62,7 @@ TEST_F(BundleCheckTest, EachMissingPieceIsNamed) {
   EXPECT_EQ(checkBundle(root / "nowhere").error(), "bundle folder not found: " + (root / "nowhere").string());
 }
 
-TEST_F(BundleCheckTest, AnUnreadablePlistIsABadBundleAndOddDeclarationsAreWarnings) {
-  std::ofstream(bundle / "Contents/Info.plist") << "<plist><dict><key>oops";
-  EXPECT_NE(errorOf().find("Info.plist"), std::string::npos) << errorOf();
-
+TEST_F(BundleCheckTest, OddDeclarationsAreWarnings) {
   std::ofstream(bundle / "Contents/Info.plist") << R"(<?xml version="1.0" encoding="UTF-8"?>
 <plist version="1.0"><dict>
   <key>CFBundleIdentifier</key><string>x.y</string>

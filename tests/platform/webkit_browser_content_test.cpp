@@ -9,7 +9,7 @@
 #include <fstream>
 
 #include "platform/webkit/content_rules.h"
-#include "platform/webkit/resource_path.h"
+#include "platform/resource_path.h"
 #include "tests/platform/defaults_test_folder.h"
 
 namespace appex::webkit {

@@ -3,7 +3,9 @@
 // sheets named in Info.plist, and requests to the extension's base URI.
 //
 // A path resolves only to a regular file that lies inside the root once
-// every symbolic link is followed. Anything that could step out is refused
+// every symbolic link is followed, or in the SDK shipped with appex (sdk/,
+// the one source of the SDK files: a bundle may link to them there rather
+// than carry copies, as the example in the source tree does). Anything that could step out is refused
 // before the file system is asked: "." and ".." segments, an absolute path,
 // and (for URL paths) a percent-encoded "/", "\" or NUL within a segment or
 // a malformed escape. Empty segments ("a//b") are skipped.
@@ -17,7 +19,7 @@
 #include <string>
 #include <string_view>
 
-namespace appex::webkit {
+namespace appex {
 
 enum class ResourceRefusal {
   // The path names something outside the root, or is malformed.
@@ -38,4 +40,4 @@ std::expected<std::filesystem::path, ResourceRefusal> resolveResourceURLPath(
 // Decodes %XX escapes; nothing for a malformed one ("%4", "%zz").
 std::optional<std::string> percentDecode(std::string_view text);
 
-}  // namespace appex::webkit
+}  // namespace appex

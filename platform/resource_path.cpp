@@ -1,9 +1,9 @@
-#include "platform/webkit/resource_path.h"
+#include "platform/resource_path.h"
 
 #include <system_error>
 #include <vector>
 
-namespace appex::webkit {
+namespace appex {
 namespace {
 
 int hexValue(char c) {
@@ -30,8 +30,29 @@ bool isSafeSegment(std::string_view segment) {
   return segment.find_first_of(std::string_view("/\\\0", 3)) == std::string_view::npos;
 }
 
+// Whether `real` lies strictly inside `folder` (both canonical): the
+// folder's elements are a proper prefix of the file's.
+bool isInside(const std::filesystem::path& real, const std::filesystem::path& folder) {
+  auto r = folder.begin();
+  auto f = real.begin();
+  for (; r != folder.end(); ++r, ++f) {
+    if (f == real.end() || *r != *f) return false;
+  }
+  return f != real.end();
+}
+
+// The SDK shipped with appex, canonical; empty when it is not there.
+const std::filesystem::path& sdkFolder() {
+  static const std::filesystem::path folder = [] {
+    std::error_code error;
+    auto real = std::filesystem::canonical(APPEX_SDK_DIR, error);
+    return error ? std::filesystem::path() : real;
+  }();
+  return folder;
+}
+
 // Joins checked segments under `root` and confirms that the real file lies
-// inside the real root.
+// inside the real root, or in the SDK shipped with appex.
 std::expected<std::filesystem::path, ResourceRefusal> locate(const std::filesystem::path& root,
                                                              const std::vector<std::string>& segments) {
   std::error_code error;
@@ -41,13 +62,10 @@ std::expected<std::filesystem::path, ResourceRefusal> locate(const std::filesyst
   for (const auto& segment : segments) candidate /= segment;
   const auto real = std::filesystem::canonical(candidate, error);
   if (error) return std::unexpected(ResourceRefusal::notFound);
-  // Inside means: the root's elements are a proper prefix of the file's.
-  auto r = realRoot.begin();
-  auto f = real.begin();
-  for (; r != realRoot.end(); ++r, ++f) {
-    if (f == real.end() || *r != *f) return std::unexpected(ResourceRefusal::outside);
+  if (real == realRoot) return std::unexpected(ResourceRefusal::notFound);
+  if (!isInside(real, realRoot) && (sdkFolder().empty() || !isInside(real, sdkFolder()))) {
+    return std::unexpected(ResourceRefusal::outside);
   }
-  if (f == real.end()) return std::unexpected(ResourceRefusal::notFound);  // the root itself
   if (!std::filesystem::is_regular_file(real, error)) return std::unexpected(ResourceRefusal::notFound);
   return real;
 }
@@ -96,4 +114,4 @@ std::expected<std::filesystem::path, ResourceRefusal> resolveResourceURLPath(
   return locate(root, segments);
 }
 
-}  // namespace appex::webkit
+}  // namespace appex
