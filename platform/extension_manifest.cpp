@@ -71,6 +71,14 @@ std::vector<std::string> pathsUnder(const Dictionary& extension, std::string_vie
                          std::string(itemKey) + "\" string");
       continue;
     }
+    // Per-file URL patterns narrow where the browser injects the file;
+    // they are not followed here, so say so rather than inject more.
+    for (std::string_view narrowing : {"Allowed URL Patterns", "Excluded URL Patterns"}) {
+      if (item->contains(narrowing)) {
+        problems.push_back(std::string(listKey) + " entry " + std::to_string(i) + ": \"" + std::string(narrowing) +
+                           "\" is not supported; " + *path + " applies to every page the website access admits");
+      }
+    }
     out.push_back(std::move(*path));
   }
   return out;

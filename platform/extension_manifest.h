@@ -12,7 +12,8 @@
 // cannot be used is left out and reported in `problems` (a bundle is still
 // usable without it), and the reading errs towards less: an unknown Level
 // applies the scripts nowhere, an entry of "Allowed Domains" that is no
-// domain pattern admits nothing. Without SFSafariWebsiteAccess the scripts
+// domain pattern admits nothing. A file's own "Allowed URL Patterns" and
+// "Excluded URL Patterns" are not followed; they are reported too. Without SFSafariWebsiteAccess the scripts
 // apply everywhere; the toolbar item shows the popover unless its Action
 // is "Command" (also when the bundle declares no toolbar item).
 //

@@ -19,12 +19,13 @@
  *   answer  { type: "ANSWER", uid, err, data, frameId }   (err: failure text)
  *
  * Frames. Every frame of a page runs its own copy of the content scripts and
- * sees every message that native code dispatches to the page. A frame
- * identifies itself with "frameId": 0 in the top frame, a random positive
- * integer in a subframe. Native code copies the asker's uid and frameId into
- * the answer, and this endpoint only accepts answers that carry both its uid
- * and its own frameId, so an answer meant for one frame never settles an ask
- * of another frame.
+ * sees every message that native code sends to the tab. A frame identifies
+ * itself with "frameId": 0 in the top frame, a random positive integer in a
+ * subframe. Native code copies the asker's uid and frameId into the answer
+ * and sends it to the asking frame; this endpoint also only accepts answers
+ * that carry both its uid and its own frameId, so an answer meant for one
+ * frame never settles an ask of another frame, whatever the browser
+ * delivers.
  *
  * Asks from native code (a message sent to the tab, or an event) carry no
  * frameId and reach every frame. Native code keeps the first answer it gets

@@ -7,6 +7,7 @@
 #include <webkit2/webkit2.h>
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,6 +29,7 @@ inline constexpr const char* kContentWorldName = "appex-content-scripts";
 // User messages between the tab web views and the web-process module.
 inline constexpr const char* kPostMessageName = "appex.content.post";
 inline constexpr const char* kDeliverMessageName = "appex.content.deliver";
+inline constexpr const char* kFrameGoneMessageName = "appex.content.frame-gone";
 
 // Writes the visible part of `view` to a PNG file.
 void snapshotToPNG(WebKitWebView* view, std::string pngPath, SnapshotCompletion completion);
@@ -170,6 +172,9 @@ struct WebKitTab::Impl {
   WebKitWebView* view = nullptr;
   GtkWidget* label = nullptr;
   std::shared_ptr<WebKitPage> page;
+  // One page per subframe that has posted a message, by WebKit frame id;
+  // each stays until its frame is gone or the tab closes.
+  std::map<std::uint64_t, std::shared_ptr<WebKitPage>> framePages;
   // The URL asked for, until the engine reports one.
   std::optional<std::string> requestedURL;
   bool closed = false;

@@ -1,5 +1,7 @@
 #include "platform/webkit/content_rules.h"
 
+#include <algorithm>
+#include <cctype>
 #include <fstream>
 #include <sstream>
 
@@ -50,6 +52,24 @@ std::vector<std::string> ContentRules::urlPatterns() const {
     for (auto& pattern : urlPatternsForDomain(domain)) patterns.push_back(std::move(pattern));
   }
   return patterns;
+}
+
+bool ContentRules::admitsURL(const std::string& url) const {
+  if (declared.accessLevel == "All") return true;
+  std::string lower = url;
+  std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
+  std::string_view rest = lower;
+  if (rest.starts_with("http://")) {
+    rest.remove_prefix(7);
+  } else if (rest.starts_with("https://")) {
+    rest.remove_prefix(8);
+  } else {
+    return false;
+  }
+  std::string_view host = rest.substr(0, rest.find_first_of("/?#"));
+  if (auto at = host.rfind('@'); at != std::string_view::npos) host.remove_prefix(at + 1);
+  if (auto colon = host.rfind(':'); colon != std::string_view::npos) host = host.substr(0, colon);
+  return !host.empty() && declared.admitsHost(host);
 }
 
 ContentRules readContentRules(const Dictionary& info, const std::string& resourcesFolder) {

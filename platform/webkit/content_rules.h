@@ -42,6 +42,12 @@ struct ContentRules {
   // of the pages the scripts and style sheets apply to: web pages only
   // (http and https). Empty when they apply nowhere.
   std::vector<std::string> urlPatterns() const;
+
+  // Whether the website access admits a page at `url`, so that the
+  // extension may learn its URL and title: with Level "All" every page,
+  // otherwise only http and https pages whose host it admits. The same
+  // hosts as urlPatterns(), for a whole URL.
+  bool admitsURL(const std::string& url) const;
 };
 
 // Reads the rules from an info dictionary; files under `resourcesFolder`.

@@ -44,22 +44,47 @@ void onTitleChanged(GObject* view, GParamSpec*, gpointer data) {
   gtk_label_set_text(GTK_LABEL(impl->label), title && *title ? title : "Untitled");
 }
 
-// A content script's safari.extension.dispatchMessage.
+// The page of the frame at `address` (0: the top frame), made on first use.
+std::shared_ptr<WebKitPage> pageOfFrame(Impl& impl, std::uint64_t address) {
+  if (address == 0) return impl.page;
+  auto& page = impl.framePages[address];
+  if (!page) {
+    auto browser = impl.browser.lock();
+    const std::uint64_t serial = browser ? browser->internals().nextSerial() : 0;
+    page = std::make_shared<WebKitPage>(impl.self, "page#" + std::to_string(serial), address);
+  }
+  return page;
+}
+
+// A content script's safari.extension.dispatchMessage, from one frame; or
+// the news that a subframe is gone.
 gboolean onUserMessage(WebKitWebView*, WebKitUserMessage* message, gpointer data) {
-  if (std::strcmp(webkit_user_message_get_name(message), kPostMessageName) != 0) return FALSE;
   auto* impl = static_cast<Impl*>(data);
+  const char* kind = webkit_user_message_get_name(message);
   GVariant* parameters = webkit_user_message_get_parameters(message);
-  if (!parameters || !g_variant_is_of_type(parameters, G_VARIANT_TYPE("(ss)"))) return TRUE;
+  if (std::strcmp(kind, kFrameGoneMessageName) == 0) {
+    if (!parameters || !g_variant_is_of_type(parameters, G_VARIANT_TYPE("(t)"))) return TRUE;
+    guint64 address = 0;
+    g_variant_get(parameters, "(t)", &address);
+    if (auto gone = impl->framePages.extract(address)) gone.mapped()->markClosed();
+    return TRUE;
+  }
+  if (std::strcmp(kind, kPostMessageName) != 0) return FALSE;
+  if (!parameters || !g_variant_is_of_type(parameters, G_VARIANT_TYPE("(ssts)"))) return TRUE;
   const char* name = nullptr;
   const char* json = nullptr;
-  g_variant_get(parameters, "(&s&s)", &name, &json);
+  guint64 address = 0;
+  const char* frameURL = nullptr;
+  g_variant_get(parameters, "(&s&st&s)", &name, &json, &address, &frameURL);
   std::optional<Dictionary> userInfo;
   if (*json) {
     if (auto parsed = JSON::parse(json); parsed && parsed->is_object()) userInfo = std::move(parsed->as_object());
   }
   auto tab = impl->self.lock();
   if (!tab || impl->closed) return TRUE;
-  if (auto callbacks = callbacksOf(*impl)) callbacks->messageReceived(name, impl->page, std::move(userInfo));
+  auto page = pageOfFrame(*impl, address);
+  if (address != 0) page->setFrameURL(frameURL);
+  if (auto callbacks = callbacksOf(*impl)) callbacks->messageReceived(name, page, std::move(userInfo));
   return TRUE;
 }
 
@@ -70,6 +95,12 @@ GtkWidget* onCreate(WebKitWebView*, WebKitNavigationAction* action, gpointer dat
   auto browser = impl->browser.lock();
   if (!tab || impl->closed || !browser || browser->internals().shutDown) return nullptr;
   return GTK_WIDGET(browser->internals().openFromPage(tab, action));
+}
+
+// Whether the extension's website access admits `url` (no browser: no).
+bool admitted(const Impl& impl, const std::string& url) {
+  auto browser = impl.browser.lock();
+  return browser && browser->internals().rules.admitsURL(url);
 }
 
 // The page closed itself (window.close(), where the engine allows it).
@@ -99,7 +130,10 @@ void WebKitTab::getActivePage(PageCompletion completion) {
 void WebKitTab::getPages(PagesCompletion completion) {
   runOnMainThread([self = shared_from_this(), completion = std::move(completion)]() mutable {
     std::vector<std::shared_ptr<SFSafariPage>> pages;
-    if (!self->impl_->closed) pages.push_back(self->impl_->page);
+    if (!self->impl_->closed) {
+      pages.push_back(self->impl_->page);
+      for (const auto& [address, page] : self->impl_->framePages) pages.push_back(page);
+    }
     completion(std::move(pages));
   });
 }
@@ -207,6 +241,8 @@ void Impl::closeNow() {
   if (closed) return;
   closed = true;
   page->markClosed();
+  for (const auto& [address, framePage] : framePages) framePage->markClosed();
+  framePages.clear();
   if (view) {
     for (gulong id : signals) g_signal_handler_disconnect(view, id);
     webkit_web_view_stop_loading(view);
@@ -232,8 +268,8 @@ std::optional<SFSafariPageProperties> Impl::properties() const {
 
 // --- WebKitPage ----------------------------------------------------------------------
 
-WebKitPage::WebKitPage(std::weak_ptr<WebKitTab> tab, std::string description)
-    : tab_(std::move(tab)), description_(std::move(description)) {}
+WebKitPage::WebKitPage(std::weak_ptr<WebKitTab> tab, std::string description, std::uint64_t frameAddress)
+    : tab_(std::move(tab)), description_(std::move(description)), frameAddress_(frameAddress) {}
 
 void WebKitPage::getContainingTab(TabCompletion completion) {
   runOnMainThread([self = shared_from_this(), completion = std::move(completion)]() mutable {
@@ -243,7 +279,13 @@ void WebKitPage::getContainingTab(TabCompletion completion) {
 
 void WebKitPage::getPageProperties(PropertiesCompletion completion) {
   runOnMainThread([self = shared_from_this(), completion = std::move(completion)]() mutable {
-    completion(self->properties());
+    auto properties = self->properties();
+    auto tab = self->tab();
+    if (properties && properties->url && !(tab && admitted(tab->internals(), *properties->url))) {
+      properties->url.reset();
+      properties->title.reset();
+    }
+    completion(std::move(properties));
   });
 }
 
@@ -255,9 +297,9 @@ void WebKitPage::dispatchMessageToScript(const std::string& name, const Dictiona
     if (!tab) return;
     WebKitWebView* view = tab->internals().view;
     if (!view) return;
-    webkit_web_view_send_message_to_page(
-        view, webkit_user_message_new(kDeliverMessageName, g_variant_new("(ss)", name.c_str(), json.c_str())),
-        nullptr, nullptr, nullptr);
+    GVariant* parameters = g_variant_new("(sst)", name.c_str(), json.c_str(), guint64{self->frameAddress_});
+    webkit_web_view_send_message_to_page(view, webkit_user_message_new(kDeliverMessageName, parameters), nullptr,
+                                         nullptr, nullptr);
   });
 }
 
@@ -267,7 +309,12 @@ std::string WebKitPage::description() const { return description_; }
 
 std::optional<SFSafariPageProperties> WebKitPage::properties() const {
   auto tab = this->tab();
-  return tab ? tab->internals().properties() : std::nullopt;
+  if (!tab) return std::nullopt;
+  if (frameAddress_ == 0) return tab->internals().properties();
+  SFSafariPageProperties properties;
+  if (!frameURL_.empty()) properties.url = frameURL_;
+  properties.usesPrivateBrowsing = tab->internals().isPrivate;
+  return properties;
 }
 
 std::shared_ptr<WebKitTab> WebKitPage::tab() const {

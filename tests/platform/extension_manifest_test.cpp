@@ -33,6 +33,13 @@ TEST(ExtensionManifestTest, UnusableDeclarationsAreReportedAndGrantNothing) {
 
   const auto command = read(R"({"SFSafariToolbarItem": {"Action": "Command"}})");
   EXPECT_FALSE(command.toolbarShowsPopover());
+
+  // Per-file URL patterns are not followed: the file is kept, and said so.
+  const auto narrowed = read(R"({"SFSafariContentScript": [{"Script": "a.js", "Excluded URL Patterns": []}],
+                                 "SFSafariStyleSheet": [{"Style Sheet": "b.css", "Allowed URL Patterns": []}]})");
+  EXPECT_EQ(narrowed.scripts, (std::vector<std::string>{"a.js"}));
+  ASSERT_EQ(narrowed.problems.size(), 2u);
+  EXPECT_NE(narrowed.problems[0].find("\"Excluded URL Patterns\" is not supported"), std::string::npos);
 }
 
 TEST(ExtensionManifestTest, WebsiteAccessMatchesHostsByPattern) {

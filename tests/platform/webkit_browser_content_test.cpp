@@ -126,6 +126,18 @@ TEST_F(ContentRulesTest, WebsiteAccessDecidesWhichPagesGetTheScripts) {
   EXPECT_EQ(some.problems.size(), 1u);
   EXPECT_TRUE(read(R"({"SFSafariWebsiteAccess": {"Level": "Some"}})").urlPatterns().empty())
       << "some of no domains is none";
+
+  // The same hosts decide which pages' URL and title the extension learns.
+  for (const char* url : {"http://127.0.0.1:8080/a", "HTTPS://Deep.Example.ORG", "http://user:pw@example.org/x?y#z",
+                          "https://example.org?q=1"}) {
+    EXPECT_TRUE(some.admitsURL(url)) << url;
+  }
+  for (const char* url : {"http://127.0.0.2/", "http://evil.com/127.0.0.1", "http://127.0.0.1.evil.com/",
+                          "http://example.org@evil.com/", "file:///127.0.0.1", "about:blank", "http://", ""}) {
+    EXPECT_FALSE(some.admitsURL(url)) << url;
+  }
+  EXPECT_TRUE(read("{}").admitsURL("about:blank"));
+  EXPECT_FALSE(read(R"({"SFSafariWebsiteAccess": {"Level": "None"}})").admitsURL("http://127.0.0.1/"));
 }
 
 TEST_F(ContentRulesTest, ToolbarItemShowsThePopoverUnlessItIsACommand) {

@@ -15,14 +15,22 @@
 // that the UI process injects at document start, so they find it in place.
 // The page's own world never has it: a page cannot post to the extension.
 //
-// Wire protocol with the UI process (WebKitUserMessage, parameters "(ss)":
-// message name, userInfo as JSON text or "" for none):
-//   "appex.content.post"     web process -> the tab's web view
-//   "appex.content.deliver"  the tab's web view -> every frame of its page
-//   "appex.content.console"  web process -> the tab's web view: a content
-//                            script's console message, "(ss)" level and text
-//                            (the world's console is hooked as
-//                            platform/webkit/console_hook.h describes)
+// Wire protocol with the UI process (WebKitUserMessage). A frame is named
+// by a frame address: 0 for the top frame, else WebKit's frame id.
+//   "appex.content.post"       web process -> the tab's web view, "(ssts)":
+//                              message name, userInfo as JSON text or ""
+//                              for none, the posting frame's address and
+//                              its document's URL
+//   "appex.content.deliver"    the tab's web view -> one frame of its page,
+//                              "(sst)": message name, userInfo JSON, the
+//                              frame's address
+//   "appex.content.frame-gone" web process -> the tab's web view, "(t)": a
+//                              subframe that posted may have done so for
+//                              the last time
+//   "appex.content.console"    web process -> the tab's web view: a content
+//                              script's console message, "(ss)" level and
+//                              text (the world's console is hooked as
+//                              platform/webkit/console_hook.h describes)
 //
 // Initialisation data "(ss)": the world's name and the base URI.
 //
@@ -33,7 +41,6 @@
 #include <map>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "platform/webkit/console_hook.h"
 
@@ -44,6 +51,7 @@ using appex::webkit::kConsoleMessageName;
 
 constexpr const char* kPostName = "appex.content.post";
 constexpr const char* kDeliverName = "appex.content.deliver";
+constexpr const char* kFrameGoneName = "appex.content.frame-gone";
 
 // Evaluates to a function (post, baseURI) that installs `safari` in the
 // calling world's window and returns the deliver(name, json) function the
@@ -115,6 +123,7 @@ constexpr const char kInstaller[] = R"JS(
 struct FrameEntry {
   JSCContext* context = nullptr;
   JSCValue* deliver = nullptr;
+  WebKitFrame* frame = nullptr;  // not owned; the entry goes with the frame
   bool isMain = false;
 };
 
@@ -151,28 +160,42 @@ bool reportException(JSCContext* context, const char* what) {
 
 struct PostTarget {
   guint64 pageId;
+  guint64 frameId = 0;  // WebKit's
+  bool isMain = false;
 };
 
-// Sends the user message `name` with two strings to the web view of page
+// Sends the user message `name` with `parameters` to the web view of page
 // `pageId`, if the page still exists.
-void sendToView(guint64 pageId, const char* name, const char* first, const char* second) {
+void sendToView(guint64 pageId, const char* name, GVariant* parameters) {
   WebKitWebPage* page = webkit_web_extension_get_page(state->extension, pageId);
-  if (!page) return;
-  GVariant* parameters = g_variant_new("(ss)", first, second);
+  if (!page) {
+    g_variant_unref(g_variant_ref_sink(parameters));
+    return;
+  }
   webkit_web_page_send_message_to_view(page, webkit_user_message_new(name, parameters), nullptr, nullptr,
                                        nullptr);
 }
 
-// safari.extension.dispatchMessage's way out: to the tab's web view.
+// safari.extension.dispatchMessage's way out: to the tab's web view, with
+// the posting frame's address and URL.
 void post(const char* name, const char* json, gpointer data) {
-  sendToView(static_cast<PostTarget*>(data)->pageId, kPostName, name ? name : "", json ? json : "");
+  const auto* target = static_cast<PostTarget*>(data);
+  const char* url = nullptr;
+  if (auto page = state->frames.find(target->pageId); page != state->frames.end()) {
+    if (auto frame = page->second.find(target->frameId); frame != page->second.end() && frame->second.frame) {
+      url = webkit_frame_get_uri(frame->second.frame);
+    }
+  }
+  sendToView(target->pageId, kPostName,
+             g_variant_new("(ssts)", name ? name : "", json ? json : "", target->isMain ? 0 : target->frameId,
+                           url ? url : ""));
 }
 
 // The console hook's way out: the world's console messages, to the tab's
 // web view.
 void reportConsole(const char* level, const char* text, gpointer data) {
-  sendToView(static_cast<PostTarget*>(data)->pageId, kConsoleMessageName, level ? level : "log",
-             text ? text : "");
+  sendToView(static_cast<PostTarget*>(data)->pageId, kConsoleMessageName,
+             g_variant_new("(ss)", level ? level : "log", text ? text : ""));
 }
 
 // Hooks the world's console in `context` (before any content script runs).
@@ -198,12 +221,15 @@ void hookConsole(JSCContext* context, guint64 pageId) {
 void onFrameGone(gpointer data, GObject*) {
   auto* key = static_cast<FrameKey*>(data);
   state->watched.erase(*key);
+  bool wasSubframe = false;
   if (auto page = state->frames.find(key->first); page != state->frames.end()) {
     if (auto frame = page->second.find(key->second); frame != page->second.end()) {
+      wasSubframe = !frame->second.isMain;
       release(frame->second);
       page->second.erase(frame);
     }
   }
+  if (wasSubframe) sendToView(key->first, kFrameGoneName, g_variant_new("(t)", key->second));
   delete key;
 }
 
@@ -219,8 +245,9 @@ void onWindowObjectCleared(WebKitScriptWorld* world, WebKitWebPage* page, WebKit
     g_object_unref(context);
     return;
   }
+  const bool isMain = webkit_frame_is_main_frame(frame) != FALSE;
   JSCValue* postFunction = jsc_value_new_function(
-      context, nullptr, G_CALLBACK(post), new PostTarget{pageId},
+      context, nullptr, G_CALLBACK(post), new PostTarget{pageId, frameId, isMain},
       [](gpointer data) { delete static_cast<PostTarget*>(data); }, G_TYPE_NONE, 2, G_TYPE_STRING,
       G_TYPE_STRING);
   JSCValue* deliver = jsc_value_function_call(installer, JSC_TYPE_VALUE, postFunction, G_TYPE_STRING,
@@ -237,7 +264,7 @@ void onWindowObjectCleared(WebKitScriptWorld* world, WebKitWebPage* page, WebKit
 
   FrameEntry& entry = state->frames[pageId][frameId];
   release(entry);  // the frame's previous document
-  entry = {context, deliver, webkit_frame_is_main_frame(frame) != FALSE};
+  entry = {context, deliver, frame, isMain};
 
   const FrameKey key{pageId, frameId};
   if (!state->watched[key]) {
@@ -246,34 +273,35 @@ void onWindowObjectCleared(WebKitScriptWorld* world, WebKitWebPage* page, WebKit
   }
 }
 
-// A message from the extension: to every frame of the page, top frame first.
+// A message from the extension: to the one frame it is addressed to. A
+// frame that is gone (or never ran content scripts) drops it.
 gboolean onPageMessage(WebKitWebPage* page, WebKitUserMessage* message, gpointer) {
   if (std::strcmp(webkit_user_message_get_name(message), kDeliverName) != 0) return FALSE;
   GVariant* parameters = webkit_user_message_get_parameters(message);
-  if (!parameters || !g_variant_is_of_type(parameters, G_VARIANT_TYPE("(ss)"))) return TRUE;
+  if (!parameters || !g_variant_is_of_type(parameters, G_VARIANT_TYPE("(sst)"))) return TRUE;
   const char* name = nullptr;
   const char* json = nullptr;
-  g_variant_get(parameters, "(&s&s)", &name, &json);
+  guint64 address = 0;
+  g_variant_get(parameters, "(&s&st)", &name, &json, &address);
 
   auto found = state->frames.find(webkit_web_page_get_id(page));
   if (found == state->frames.end()) return TRUE;
-  // A listener may navigate a frame (replacing entries) while we go.
-  std::vector<FrameEntry> targets;
+  JSCContext* context = nullptr;
+  JSCValue* deliver = nullptr;
   for (auto& [frameId, entry] : found->second) {
-    FrameEntry copy{JSC_CONTEXT(g_object_ref(entry.context)), JSC_VALUE(g_object_ref(entry.deliver)), entry.isMain};
-    if (entry.isMain) {
-      targets.insert(targets.begin(), copy);
-    } else {
-      targets.push_back(copy);
+    if (address == 0 ? entry.isMain : (frameId == address && !entry.isMain)) {
+      // The listeners may navigate the frame, replacing the entry.
+      context = JSC_CONTEXT(g_object_ref(entry.context));
+      deliver = JSC_VALUE(g_object_ref(entry.deliver));
+      break;
     }
   }
-  for (auto& target : targets) {
-    JSCValue* result = jsc_value_function_call(target.deliver, G_TYPE_STRING, name, G_TYPE_STRING, json,
-                                               G_TYPE_NONE);
-    reportException(target.context, "deliver");
-    g_object_unref(result);
-    release(target);
-  }
+  if (!deliver) return TRUE;
+  JSCValue* result = jsc_value_function_call(deliver, G_TYPE_STRING, name, G_TYPE_STRING, json, G_TYPE_NONE);
+  reportException(context, "deliver");
+  g_object_unref(result);
+  g_object_unref(deliver);
+  g_object_unref(context);
   return TRUE;
 }
 
