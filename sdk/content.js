@@ -42,7 +42,8 @@
  *
  * On start-up every frame asks "VALIDATE_TAB"; the answer (whether the tab
  * has a page) settles `AppexContent.validated`. Native code takes the top
- * frame's request as the signal to refresh its snapshot of the tab.
+ * frame's request as the signal to refresh its snapshot of the tab, so the
+ * top frame asks again whenever its title or address changes.
  *
  * The script installs one global in the content-script world:
  *
@@ -275,6 +276,42 @@
     return endpoint;
   }
 
+  // The browser's record of a tab (its address and title) is made from the
+  // top frame's first "VALIDATE_TAB", at document start, before the page
+  // has a title. The top frame asks again whenever the title or address it
+  // shows has changed (parsed, retitled, moved to an anchor or through
+  // history), so the record follows the page and the extension hears of
+  // it as a tab update. One ask per change, at most one per turn.
+  function followTitleAndAddress(win, endpoint) {
+    var doc = win.document;
+    var seen = doc.title + '\n' + win.location.href;
+    var scheduled = false;
+    function check() {
+      scheduled = false;
+      var now = doc.title + '\n' + win.location.href;
+      if (now === seen) return;
+      seen = now;
+      endpoint.ask('VALIDATE_TAB').catch(function () {});
+    }
+    function soon() {
+      if (scheduled) return;
+      scheduled = true;
+      setTimeout(check, 0);
+    }
+    function watchHead() {
+      if (!doc.head || typeof MutationObserver !== 'function') return;
+      new MutationObserver(soon).observe(doc.head, { subtree: true, childList: true, characterData: true });
+    }
+    if (doc.readyState === 'loading') {
+      doc.addEventListener('DOMContentLoaded', function () { watchHead(); soon(); }, { once: true });
+    } else {
+      watchHead();
+    }
+    win.addEventListener('load', soon);
+    win.addEventListener('hashchange', soon);
+    win.addEventListener('popstate', soon);
+  }
+
   var parts = {
     createContentEndpoint: createContentEndpoint,
     newFrameId: newFrameId,
@@ -295,5 +332,6 @@
     host: host,
     frameId: isTopFrame(window) ? 0 : newFrameId(Math.random)
   });
+  if (window.AppexContent.isTopFrame && window.document) followTitleAndAddress(window, window.AppexContent);
   return parts;
 })();

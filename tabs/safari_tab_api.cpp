@@ -208,33 +208,6 @@ void SafariTabAPI::getTabStates(std::vector<std::shared_ptr<SFSafariTab>> tabs,
   }
 }
 
-void SafariTabAPI::refreshTabStates(std::vector<std::shared_ptr<SFSafariTab>> tabs,
-                                    TabStatesCompletion completion) {
-  auto done = std::make_shared<TabStatesCompletion>(std::move(completion));
-  auto step = CallbackUtils::join<std::shared_ptr<TabState>>(
-      tabs.size(), [done](std::vector<std::shared_ptr<TabState>> states) { (*done)(std::move(states)); });
-  for (std::size_t i = 0; i < tabs.size(); ++i) {
-    auto tab = std::move(tabs[i]);
-    auto known = cachedTabState(tab);
-    if (!known) known = removedTabState(tab);
-    if (!known) {
-      getTabState(std::move(tab), [step, i](std::shared_ptr<TabState> state) { step(i, std::move(state)); });
-      continue;
-    }
-    tab->getPages([known, step, i](std::vector<std::shared_ptr<SFSafariPage>> pages) {
-      if (pages.empty()) {
-        known->readPage(std::nullopt);
-        step(i, known);
-        return;
-      }
-      pages.front()->getPageProperties([known, step, i](std::optional<SFSafariPageProperties> properties) {
-        known->readPage(properties);
-        step(i, known);
-      });
-    });
-  }
-}
-
 void SafariTabAPI::buildTabState(std::shared_ptr<SFSafariTab> tab, std::shared_ptr<SFSafariPage> page,
                                  bool suppressUpdates, TabStateCompletion completion) {
   // The three lookups run at once; whichever answers last finishes the build.
@@ -330,7 +303,7 @@ void SafariTabAPI::refreshTabs(TabStatesCompletion completion) {
     });
     for (std::size_t i = 0; i < windows.size(); ++i) {
       windows[i]->getAllTabs([self, step, i](std::vector<std::shared_ptr<SFSafariTab>> tabs) {
-        self->refreshTabStates(std::move(tabs), [step, i](Group states) { step(i, std::move(states)); });
+        self->getTabStates(std::move(tabs), [step, i](Group states) { step(i, std::move(states)); });
       });
     }
   });

@@ -120,10 +120,6 @@ class SafariTabAPI : public std::enable_shared_from_this<SafariTabAPI> {
   void getTabState(std::shared_ptr<SFSafariTab> tab, TabStateCompletion completion);
   // getTabState for each of `tabs`; the completion gets them in order.
   void getTabStates(std::vector<std::shared_ptr<SFSafariTab>> tabs, TabStatesCompletion completion);
-  // getTabState for each of `tabs`, a known snapshot with its url, title
-  // and private flag read again from the tab's first page (a page changes
-  // them without telling; no event); in order.
-  void refreshTabStates(std::vector<std::shared_ptr<SFSafariTab>> tabs, TabStatesCompletion completion);
 
   // Rebuilds the snapshot of `tab` from `page` (nullptr: the tab shows no
   // page) and the tab's window, stores it and hands it to `completion`.
@@ -161,8 +157,9 @@ class SafariTabAPI : public std::enable_shared_from_this<SafariTabAPI> {
   void answerPage(const Message& request, Result reply, const std::shared_ptr<SFSafariPage>& page);
 
   // Snapshots of every tab of every window, windows in order, each
-  // window's tabs in the browser's order, each with its page's url and
-  // title of now (refreshTabStates).
+  // window's tabs in the browser's order. A known tab's snapshot is taken
+  // as it is: pages keep it current by asking "VALIDATE_TAB" again when
+  // their title or address changes.
   void refreshTabs(TabStatesCompletion completion);
 
   // Marks which known tab of `window` is active; no events, no new tabs.

@@ -69,7 +69,7 @@ void SafariWindowAPI::windowStates(std::vector<std::shared_ptr<SFSafariWindow>> 
     }
     windows[i]->getAllTabs([self, window = windows[i], fill = std::move(fill)](
                                std::vector<std::shared_ptr<SFSafariTab>> tabs) mutable {
-      self->tabs()->refreshTabStates(std::move(tabs), [self, window = std::move(window), fill = std::move(fill)](
+      self->tabs()->getTabStates(std::move(tabs), [self, window = std::move(window), fill = std::move(fill)](
                                                           WindowState::TabList states) mutable {
         self->getWindowState(std::move(states), std::move(window), true, std::move(fill));
       });

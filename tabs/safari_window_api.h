@@ -57,9 +57,8 @@ class SafariWindowAPI : public std::enable_shared_from_this<SafariWindowAPI> {
                       bool suppressEvents, WindowStateCompletion completion);
 
   // Snapshots of `windows`, in order (events suppressed). With `populate`
-  // each window's tab list is read afresh through the tab registry, each
-  // tab with its page's url and title of now; without, it is replaced by
-  // an empty list.
+  // each window's tab list is read afresh through the tab registry;
+  // without, it is replaced by an empty list.
   void windowStates(std::vector<std::shared_ptr<SFSafariWindow>> windows, bool populate,
                     WindowStatesCompletion completion);
 

@@ -53,11 +53,6 @@ void TabState::Fields::readPage(const std::optional<SFSafariPageProperties>& pro
   isPrivate = properties && properties->usesPrivateBrowsing;
 }
 
-void TabState::readPage(const std::optional<SFSafariPageProperties>& properties) {
-  std::lock_guard lock(mutex_);
-  fields_.readPage(properties);
-}
-
 void TabState::setActive(bool active) {
   std::lock_guard lock(mutex_);
   fields_.isActive = active;

@@ -66,8 +66,6 @@ class TabState {
   // Replaces every field but the id.
   void assign(Fields fields);
   void setActive(bool active);
-  // Fields::readPage on the stored fields, leaving the others as they are.
-  void readPage(const std::optional<SFSafariPageProperties>& properties);
 
   // {"id", "url" ("" when absent), "title" ("" when absent), "isActive",
   // "isPrivate"}, in that order.
