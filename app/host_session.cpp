@@ -59,6 +59,10 @@ std::expected<std::unique_ptr<HostSession>, std::string> HostSession::start(
       [s](const std::shared_ptr<webkit::WebKitTab>& tab, const webkit::ConsoleMessage& message) {
         s->reportConsole(tab, message);
       });
+  session->browser_->setLoadObserver(
+      [s](const std::shared_ptr<webkit::WebKitTab>& tab, const webkit::WebKitBrowser::LoadOutcome& outcome) {
+        s->reportLoad(tab, outcome.url, outcome.title, outcome.error);
+      });
   session->browser_->install(context);
   session->browser_->setCallbacks(std::make_shared<ExtensionHandlerCallbacks>(context));
   SafariMessagingAPI::shared();  // the router takes the page messages from the first one on
@@ -165,6 +169,52 @@ void HostSession::reportConsole(const std::shared_ptr<webkit::WebKitTab>& tab,
           Dictionary{{"source", "tab"}, {"tab", handleOf(tab)}, {"level", message.level}, {"text", message.text}});
 }
 
+void HostSession::reportLoad(const std::shared_ptr<webkit::WebKitTab>& tab, const std::string& url,
+                             const std::optional<std::string>& title, const std::optional<std::string>& error) {
+  const std::string handle = handleOf(tab);
+  Dictionary fields{{"tab", handle}, {"url", url}};
+  if (error) {
+    fields["error"] = *error;
+  } else {
+    fields["title"] = orNull(title);
+  }
+  auto waiters = std::exchange(loadWaiters_[handle], {});
+  loadWaiters_.erase(handle);
+  events_(error ? "loadFailed" : "tabLoaded", fields);
+  for (auto& done : waiters) {
+    if (error) {
+      done(failure("tab " + handle + " did not load " + url + ": " + *error));
+    } else {
+      done(success(fields));
+    }
+  }
+}
+
+void HostSession::whenLoaded(const std::string& tab, std::function<void(Result)> done) {
+  loadWaiters_[tab].push_back(done);
+  after(std::chrono::duration_cast<std::chrono::milliseconds>(kLoadPatience), [done, tab] {
+    done(failure("tab " + tab + " did not finish loading within " +
+                 std::to_string(std::chrono::duration_cast<std::chrono::seconds>(kLoadPatience).count()) + " s"));
+  });
+}
+
+void HostSession::watchTab(const std::string& tab, std::function<void(Result)> reply) {
+  tabWatchers_[tab].push_back(std::move(reply));
+}
+
+void HostSession::after(std::chrono::milliseconds delay, std::move_only_function<void()> then) {
+  waiting_.push_back({[] { return false; }, [] {}, Clock::now() + delay, std::move(then)});
+}
+
+void HostSession::tabGone(const std::string& handle) {
+  auto waiters = std::exchange(loadWaiters_[handle], {});
+  auto watchers = std::exchange(tabWatchers_[handle], {});
+  loadWaiters_.erase(handle);
+  tabWatchers_.erase(handle);
+  for (auto& done : waiters) done(failure("tab " + handle + " closed before it loaded"));
+  for (auto& reply : watchers) reply(failure("tab " + handle + " closed"));
+}
+
 void HostSession::reconcile() {
   // Tabs and windows the browser has that the host has not named yet
   // (opened by the extension or by a page), and those that closed.
@@ -186,6 +236,7 @@ void HostSession::reconcile() {
       ++it;
       continue;
     }
+    tabGone(it->first);
     events_("tabClosed", Dictionary{{"tab", it->first}});
     std::erase_if(handles_, [&](const auto& entry) { return entry.second == it->first; });
     it = tabs_.erase(it);
@@ -262,18 +313,22 @@ void HostSession::whenPopupLoaded(std::move_only_function<void()> then, std::mov
 
 void HostSession::runWaiting() {
   const auto now = Clock::now();
-  std::vector<Waiting> still;
+  // What runs may add waiting work of its own.
+  std::vector<Waiting> all = std::exchange(waiting_, {});
   std::vector<Waiting> due;
-  for (auto& w : waiting_) {
+  std::vector<Waiting> expired;
+  for (auto& w : all) {
     if (w.due()) {
       due.push_back(std::move(w));
     } else if (now >= w.deadline) {
-      if (w.expire) w.expire();
+      expired.push_back(std::move(w));
     } else {
-      still.push_back(std::move(w));
+      waiting_.push_back(std::move(w));
     }
   }
-  waiting_ = std::move(still);
+  for (auto& w : expired) {
+    if (w.expire) w.expire();
+  }
   for (auto& w : due) w.run();
 }
 
@@ -328,7 +383,7 @@ void HostSession::snapshot(const std::string& what, const std::string& path, Res
   if (!tabs_.contains(what)) return (*shared)(failure("snapshot: no tab " + what));
   waiting_.push_back({[this, what] {
                         auto t = tab(what);
-                        return t && !t->isLoading();
+                        return !t || !t->isLoading();
                       },
                       [this, what, path, written]() mutable {
                         auto t = tab(what);

@@ -78,6 +78,16 @@ class HostSession {
   // the view holds an empty document, where scripts would run to no avail.
   void whenPopupLoaded(std::move_only_function<void()> then, std::move_only_function<void()> expired);
 
+  // Calls `done` once, when the tab's next page load ends: {"tab", "url",
+  // "title"} when it loaded, a failure naming the tab and the reason when it
+  // did not, closed first or took longer than the load patience.
+  void whenLoaded(const std::string& tab, std::function<void(Result)> done);
+  // Fails `reply` ("tab t1 closed") if the tab closes first; a reply that
+  // is answered by then is left alone (see replyOnce).
+  void watchTab(const std::string& tab, std::function<void(Result)> reply);
+  // Runs `then` on a later turn, once `delay` has passed.
+  void after(std::chrono::milliseconds delay, std::move_only_function<void()> then);
+
   // {"image", "badgeText", "label", "enabled"} of a window's toolbar item.
   Dictionary toolbarState(const std::shared_ptr<webkit::WebKitWindow>& window) const;
   Dictionary popoverState() const;
@@ -94,6 +104,12 @@ class HostSession {
   // "level", "text"}.
   void reportConsole(const WebView& view, const webkit::ConsoleMessage& message);
   void reportConsole(const std::shared_ptr<webkit::WebKitTab>& tab, const webkit::ConsoleMessage& message);
+
+  // A tab's load ended: the "tabLoaded" or "loadFailed" event, and the
+  // load's waiters.
+  void reportLoad(const std::shared_ptr<webkit::WebKitTab>& tab, const std::string& url,
+                  const std::optional<std::string>& title, const std::optional<std::string>& error);
+  void tabGone(const std::string& handle);
 
   void reconcile();
   void checkReadiness();
@@ -135,6 +151,10 @@ class HostSession {
     std::move_only_function<void()> expire;
   };
   std::vector<Waiting> waiting_;
+  // Per tab handle: who waits for its next load, and who wants to hear
+  // that it closed.
+  std::map<std::string, std::vector<std::function<void(Result)>>> loadWaiters_;
+  std::map<std::string, std::vector<std::function<void(Result)>>> tabWatchers_;
 };
 
 }  // namespace appex

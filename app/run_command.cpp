@@ -27,6 +27,8 @@ namespace appex {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+// How long the background page has to come up.
+constexpr auto kReadyPatience = std::chrono::seconds(30);
 
 std::atomic<bool> interrupted{false};
 void onInterrupt(int) { interrupted = true; }
@@ -56,7 +58,7 @@ std::string describe(const Dictionary& fields) { return boost::json::serialize(f
 int runCommand(const std::vector<std::string>& args) {
   auto parsed = parseRunOptions(args);
   if (!parsed) {
-    std::cerr << "appex run: " << parsed.error();
+    std::cerr << "appex run: " << parsed.error() << (parsed.error().ends_with('\n') ? "" : "\n");
     return kExitUsage;
   }
   if (!parsed->options) {
@@ -90,11 +92,14 @@ int runCommand(const std::vector<std::string>& args) {
     }
     site = std::move(*served);
     err("[serve] " + options.serve + " at " + site->baseURL());
-    for (auto& url : options.open) {
-      if (url.find("://") == std::string::npos && !url.starts_with("about:")) {
-        url = site->baseURL() + (url.starts_with("/") ? url.substr(1) : url);
-      }
+  }
+  for (auto& url : options.open) {
+    auto resolved = resolveURL(site ? site->baseURL() : std::string(), url);
+    if (!resolved) {
+      std::cerr << "appex run: --open: " << resolved.error() << "\n";
+      return kExitUsage;
     }
+    url = *resolved;
   }
 
   auto display = VirtualDisplay::ensure();
@@ -111,10 +116,20 @@ int runCommand(const std::vector<std::string>& args) {
   // Where the session's events and the extension's log lines go: protocol
   // events with --control (stdout belongs to the protocol), else stderr.
   std::unique_ptr<ControlChannel> channel;
-  if (options.control) channel = std::make_unique<ControlChannel>(std::cout);
-  auto events = [&channel, demo = options.example && !options.control](const std::string& event,
-                                                                        Dictionary fields) {
-    if (channel) return channel->emit(event, std::move(fields));
+  if (options.control) {
+    channel = std::make_unique<ControlChannel>(
+        std::cout, [](std::function<void()> block) { MainQueue::shared().post(std::move(block)); });
+  }
+  const std::string siteURL = site ? site->baseURL() : std::string();
+  auto events = [&channel, siteURL, demo = options.example && !options.control](const std::string& event,
+                                                                                 Dictionary fields) {
+    if (event == "ready") fields["serve"] = siteURL.empty() ? AnyValue(nullptr) : AnyValue(siteURL);
+    if (channel) {
+      channel->emit(event, std::move(fields));
+      // The requests that came before the extension was up, in order.
+      if (event == "ready") channel->open();
+      return;
+    }
     if (event == "console") {
       // "[console] background warn: text", "[console] t1 log: text"
       auto source = asString(fields, "tab");
@@ -143,18 +158,16 @@ int runCommand(const std::vector<std::string>& args) {
   HostSession& s = **session;
   if (options.trace) SafariMessagingAPI::shared()->setTrace([](const std::string& line) { err("[trace] " + line); });
 
-  bool quit = false;
+  std::atomic<bool> quit = false;
   int exitCode = kExitOk;
   std::signal(SIGINT, onInterrupt);
   std::signal(SIGTERM, onInterrupt);
   if (channel) {
-    addControlCommands(*channel, s, [&quit] { quit = true; });
+    addControlCommands(*channel, s, siteURL, [&quit] { quit = true; });
     readInput([&](std::optional<std::string> line) {
-      if (!line) {
-        quit = true;
-      } else {
-        channel->handleLine(*line);
-      }
+      if (line) return channel->handleLine(*line);
+      // With --timeout the run goes on until then.
+      if (!options.timeoutSeconds) channel->endOfInput([&quit] { quit = true; });
     });
   } else if (!options.example) {
     readInput([&](std::optional<std::string> line) {
@@ -172,10 +185,18 @@ int runCommand(const std::vector<std::string>& args) {
                             : Clock::time_point::max();
   const bool demo = options.example && !options.control;
 
+  std::string stopReason;  // why the run stopped before its end, for the requests still open
   while (!quit && !interrupted) {
     (*engine)->runUntil([&] { return quit || interrupted.load(); }, std::chrono::milliseconds(20));
     s.tick();
-    if (Clock::now() >= deadline) break;
+    if (Clock::now() >= deadline) {
+      stopReason = "the run stopped at --timeout";
+      break;
+    }
+    if (!s.ready() && Clock::now() - startedAt > kReadyPatience) {
+      stopReason = "the extension never became ready";
+      break;
+    }
     // The demo waits for the page's count to reach the toolbar first.
     if (s.ready() && demo && !countShown) {
       auto w = s.browser().activeWindow();
@@ -202,7 +223,12 @@ int runCommand(const std::vector<std::string>& args) {
       break;
     }
   }
-  if (demo && !(snapshotsStarted && snapshotsLeft == 0)) {
+  if (interrupted) stopReason = "the run was interrupted";
+  if (channel) channel->failOpen(stopReason.empty() ? "not run, the host is quitting" : stopReason);
+  if (!s.ready() && !quit) {
+    err("appex run: the background page never became ready (it did not load, or its bridge never answered)");
+    exitCode = kExitFailed;
+  } else if (demo && !(snapshotsStarted && snapshotsLeft == 0)) {
     err("appex run: the example did not finish (is the background page loading?)");
     exitCode = kExitFailed;
   }

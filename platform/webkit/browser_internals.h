@@ -58,6 +58,7 @@ struct WebKitBrowser::Impl {
   std::vector<WebKitUserStyleSheet*> styleSheets;
   std::shared_ptr<ExtensionCallbacks> callbacks;
   ConsoleObserver consoleObserver;
+  LoadObserver loadObserver;
   std::vector<std::shared_ptr<WebKitWindow>> windows;
   std::weak_ptr<WebKitWindow> activeWindow;
   PopoverHost popover;
@@ -131,6 +132,14 @@ struct WebKitTab::Impl {
   std::optional<std::string> requestedURL;
   bool closed = false;
   std::vector<gulong> signals;
+  // Why the current load failed, once the engine has said so; whether it
+  // was stopped rather than failed (not reported).
+  std::optional<std::string> loadError;
+  bool loadStopped = false;
+  // After a failure, the URL whose error page the engine loads next; while
+  // that page loads, its end is not reported.
+  std::optional<std::string> errorPageFor;
+  bool showingErrorPage = false;
 
   // A new tab of `window` (not yet in its notebook), its view loading
   // nothing yet.

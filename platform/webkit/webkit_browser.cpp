@@ -209,6 +209,8 @@ void WebKitBrowser::setConsoleObserver(ConsoleObserver observer) {
   impl_->consoleObserver = std::move(observer);
 }
 
+void WebKitBrowser::setLoadObserver(LoadObserver observer) { impl_->loadObserver = std::move(observer); }
+
 void WebKitBrowser::getBaseURI(BaseURICompletion completion) { completion(impl_->baseURI); }
 
 const std::string& WebKitBrowser::baseURI() const { return impl_->baseURI; }
@@ -261,6 +263,7 @@ void WebKitBrowser::shutdown() {
   impl.shutDown = true;
   impl.callbacks.reset();
   impl.consoleObserver = nullptr;
+  impl.loadObserver = nullptr;
   impl.context.get<Popover>()->setObserver(nullptr);
   impl.hidePopover();
   if (impl.popover.window) {

@@ -35,6 +35,7 @@
 
 #include <expected>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -125,6 +126,20 @@ class WebKitBrowser final : public SFSafariApplication,
   using ConsoleObserver =
       std::function<void(const std::shared_ptr<WebKitTab>& tab, const ConsoleMessage& message)>;
   void setConsoleObserver(ConsoleObserver observer);
+
+  // How a tab's page load ended: the URL it ended at, the page's title and,
+  // when it failed (no connection, no such host, an HTTP error status for
+  // the document itself), why. A load stopped by another one starting, or
+  // by the tab closing, ends in neither way and is not reported.
+  struct LoadOutcome {
+    std::string url;
+    std::optional<std::string> title;
+    std::optional<std::string> error;
+  };
+  // Receives every tab's load outcomes (main thread); an empty observer
+  // drops them. Replaces the previous observer.
+  using LoadObserver = std::function<void(const std::shared_ptr<WebKitTab>& tab, const LoadOutcome& outcome)>;
+  void setLoadObserver(LoadObserver observer);
 
   // Stops calling the callbacks and the console observer, hides the popover
   // and closes every window.

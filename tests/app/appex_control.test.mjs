@@ -14,6 +14,7 @@
 import assert from 'node:assert/strict';
 import { cpSync, existsSync, mkdirSync, mkdtempSync, readFileSync, rmSync, unlinkSync, writeFileSync } from 'node:fs';
 import { tmpdir } from 'node:os';
+import { createServer } from 'node:net';
 import { join } from 'node:path';
 import { after, before, describe, it } from 'node:test';
 
@@ -124,6 +125,66 @@ describe('command line', () => {
   });
 });
 
+describe('requests sent before ready, quit and the end of input', () => {
+  // Each case writes its lines at once, before the extension is up, and
+  // expects one reply per request, in that order, then a clean exit.
+  const cases = {
+    'quit waits for the requests before it and refuses those after': {
+      args: [],
+      lines: [
+        { cmd: 'eval', in: 'background', code: 'appex.tabs.query({}).then((tabs) => tabs.length)' },
+        { cmd: 'eval', code: 'new Promise((r) => setTimeout(r, 60000))', timeout: 300 },
+        { cmd: 'quit' },
+        { cmd: 'listTabs' },
+      ],
+      replies: [{ ok: true, result: 1 }, { ok: false, error: /^eval in the background page timed out after 300 ms$/ },
+        { ok: true, result: true }, { ok: false, error: /^listTabs: not run, the host is quitting$/ }],
+    },
+    'the end of input answers everything; relative URLs open from the served site': {
+      args: ['--serve', exampleSite],
+      lines: [
+        { cmd: 'openTab', url: 'index.html' },
+        { cmd: 'eval', in: 'tab', tab: 't2', code: 'typeof appex' },
+      ],
+      close: true,
+      replies: [{ ok: true, result: { tab: 't2', window: 'w1', url: /^http:\/\/127\.0\.0\.1:\d+\/index\.html$/, title: 'A page to count' } },
+        { ok: true, result: 'object' }],
+    },
+  };
+  for (const [name, { args, lines, close, replies }] of Object.entries(cases)) {
+    it(name, async () => {
+      const host = new Host(['run', exampleBundle, '--control', '--data-dir', join(scratch, 'data-early'), ...args]);
+      try {
+        host.child.stdin.write(lines.map((line, i) => JSON.stringify({ id: i + 1, ...line }) + '\n').join(''));
+        if (close) host.closeInput();
+        await assertCleanExit(host);
+        const order = host.lines.filter((l) => 'id' in l).map((l) => l.id);
+        const got = [...host.lines.filter((l) => 'id' in l)].sort((a, b) => a.id - b.id);
+        assert.deepEqual(got.map((l) => l.id), replies.map((_, i) => i + 1), 'one reply per request');
+        replies.forEach((want, i) => {
+          assert.equal(got[i].ok, want.ok, JSON.stringify(got[i]));
+          if (want.error) assert.match(got[i].error, want.error);
+          if ('result' in want) matchShape(got[i].result, want.result);
+        });
+        const quit = lines.findIndex((l) => l.cmd === 'quit') + 1;
+        for (let id = 1; id < quit; ++id) assert.ok(order.indexOf(id) < order.indexOf(quit), `quit answered before ${id}`);
+        const { serve } = host.events.find((e) => e.event === 'ready');
+        if (args.includes('--serve')) assert.ok(got[0].result.url.startsWith(serve), serve); else assert.equal(serve, null);
+      } finally {
+        host.kill();
+      }
+    });
+  }
+});
+
+// `actual` equals `expected`, where regular expressions in `expected` match strings.
+function matchShape(actual, expected) {
+  if (expected instanceof RegExp) return assert.match(actual, expected);
+  if (expected === null || typeof expected !== 'object') return assert.equal(actual, expected);
+  assert.deepEqual(Object.keys(actual).sort(), Object.keys(expected).sort(), JSON.stringify(actual));
+  for (const key of Object.keys(expected)) matchShape(actual[key], expected[key]);
+}
+
 describe('appex run --control', () => {
   let host;
   let base;  // the served site's URL
@@ -220,20 +281,34 @@ describe('appex run --control', () => {
     assert.equal(await host.call('eval', { in: 'tab', tab: 't1', world: 'page', code: 'typeof appex' }), 'undefined');
     assert.equal(await host.call('eval', { in: 'tab', tab: 't1', world: 'page', code: 'document.title' }), 'A page to count');
 
-    assert.match(await host.failure('eval', { code: "throw new Error('deliberate')" }), /deliberate/);
-    assert.match(await host.failure('eval', { code: "Promise.reject(new Error('refused'))" }), /refused/);
-    assert.match(await host.failure('eval', { code: '(' }), /error/i);
-    assert.match(await host.failure('eval', { in: 'nowhere', code: '1' }), /"in" is "background", "popup" or "tab"/);
-    assert.match(await host.failure('eval', { in: 'tab', code: '1' }), /"tab" is required/);
-    assert.match(await host.failure('eval', { in: 'tab', tab: 't99', code: '1' }), /no tab t99/);
-    assert.match(await host.failure('eval', { in: 'tab', tab: 't1', world: 'other', code: '1' }), /"world" is "content" or "page"/);
-    assert.match(await host.failure('eval', {}), /"code" is required/);
+    for (const [request, error] of [
+      [{ code: "throw new Error('deliberate')" }, /deliberate/],
+      [{ code: "Promise.reject(new Error('refused'))" }, /refused/],
+      [{ code: '(' }, /error/i],
+      [{ in: 'nowhere', code: '1' }, /"in" is "background", "popup" or "tab"/],
+      [{ in: 'tab', code: '1' }, /"tab" is required/],
+      [{ in: 'tab', tab: 't99', code: '1' }, /no tab t99/],
+      [{ in: 'tab', tab: 't1', world: 'other', code: '1' }, /"world" is "content" or "page"/],
+      [{}, /"code" is required/],
+      // Values without a JSON form are refused rather than sent as {}.
+      [{ in: 'tab', tab: 't1', code: 'document.body' }, /holds a DOM node \(BODY\), which has no JSON form/],
+      [{ in: 'tab', tab: 't1', world: 'page', code: '({ all: [window] })' }, /holds a window at "0"/],
+      [{ code: '({ n: 10n })' }, /holds a BigInt at "n"/],
+      [{ code: 'const a = {}; a.self = a; a' }, /cyclic/],
+      // A time-out names where it ran.
+      [{ in: 'tab', tab: 't1', code: 'new Promise((r) => setTimeout(r, 60000))', timeout: 200 }, /^eval in tab t1 timed out after 200 ms$/],
+      [{ code: '1', timeout: 'soon' }, /"timeout" is a positive number of milliseconds/],
+    ]) {
+      assert.match(await host.failure('eval', request), error, JSON.stringify(request));
+    }
   });
 
   it('opens, activates, navigates and closes tabs', async () => {
     let since = host.mark();
-    const second = await host.call('openTab', { url: `${base}index.html?second`, active: false });
-    assert.deepEqual(second, { tab: 't2', window: 'w1' });
+    // Replies once the page has loaded: its content scripts are in place.
+    const second = await host.call('openTab', { url: 'index.html?second', active: false });
+    assert.deepEqual(second, { tab: 't2', window: 'w1', url: `${base}index.html?second`, title: 'A page to count' });
+    assert.equal(await host.call('eval', { in: 'tab', tab: 't2', code: 'typeof appex' }), 'object');
     const opened = await host.waitFor('tabOpened', { tab: 't2' }, { since });
     assert.equal(opened.window, 'w1');
     let tabs = await host.call('listTabs');
@@ -243,9 +318,9 @@ describe('appex run --control', () => {
     tabs = await host.call('listTabs');
     assert.deepEqual(tabs.map((t) => [t.tab, t.active]), [['t1', false], ['t2', true]]);
 
-    assert.equal(await host.call('navigate', { tab: 't2', url: `${base}index.html?moved` }), true);
-    await host.until(async () => (await host.call('listTabs')).find((t) => t.tab === 't2')?.url.endsWith('?moved'),
-      10_000, 't2 to show the new address');
+    assert.deepEqual(await host.call('navigate', { tab: 't2', url: '/index.html?moved' }),
+      { tab: 't2', url: `${base}index.html?moved`, title: 'A page to count' });
+    assert.equal((await host.waitFor('tabLoaded', { tab: 't2', url: `${base}index.html?moved` })).title, 'A page to count');
 
     since = host.mark();
     assert.equal(await host.call('closeTab', { tab: 't2' }), true);
@@ -266,18 +341,19 @@ describe('appex run --control', () => {
 
   it('opens and closes windows, private ones too', async () => {
     let since = host.mark();
-    const opened = await host.call('openWindow', { url: `${base}index.html?window` });
+    const opened = await host.call('openWindow', { url: `${base}index.html?window`, wait: 'none' });
     assert.deepEqual(opened, { window: 'w2', tab: 't3' });
     assert.equal((await host.waitFor('tabOpened', { tab: 't3' }, { since })).window, 'w2');
     await host.waitFor('toolbar', { window: 'w2' }, { since });
     assert.deepEqual(Object.keys(await host.call('toolbar', { window: 'w2' })).sort(), ['badgeText', 'enabled', 'image', 'label']);
 
     since = host.mark();
-    assert.deepEqual(await host.call('openTab', { url: 'about:blank', window: 'w2' }), { tab: 't4', window: 'w2' });
+    assert.deepEqual(await host.call('openTab', { url: 'about:blank', window: 'w2' }),
+      { tab: 't4', window: 'w2', url: 'about:blank', title: null });
     assert.equal((await host.waitFor('tabOpened', { tab: 't4' }, { since })).window, 'w2');
 
     const secret = await host.call('openWindow', { url: 'about:blank', private: true });
-    assert.deepEqual(secret, { window: 'w3', tab: 't5' });
+    assert.deepEqual(secret, { window: 'w3', tab: 't5', url: 'about:blank', title: null });
     // The extension sees the window as private.
     assert.equal(await host.call('eval', { code: 'appex.tabs.query({}).then((tabs) => tabs.filter((t) => t.isPrivate).length)' }), 1);
 
@@ -292,6 +368,40 @@ describe('appex run --control', () => {
     assert.match(await host.failure('closeWindow', { window: 'w2' }), /no window w2/);
     assert.match(await host.failure('closeWindow', {}), /"window" is required/);
     assert.match(await host.failure('toolbar', { window: 'w2' }), /no window w2/);
+  });
+
+  it('reports loads that fail, and waits for none when asked', async () => {
+    const closed = await new Promise((resolve) => {
+      const server = createServer().listen(0, '127.0.0.1', () => {
+        const { port } = server.address();
+        server.close(() => resolve(port));
+      });
+    });
+    for (const [url, error] of [
+      [`${base}no-such-page.html`, /^HTTP 404$/],
+      [`http://127.0.0.1:${closed}/`, /refused/i],
+      ['http://no-such-host.invalid/', /resolve|host/i],
+    ]) {
+      const since = host.mark();
+      const reason = await host.failure('openTab', { url });
+      const [, tab] = reason.match(/^tab (t\d+) did not load /) ?? [];
+      assert.ok(tab, reason);
+      const failed = await host.waitFor('loadFailed', { tab }, { since });
+      assert.equal(failed.url, url);
+      assert.match(failed.error, error);
+      assert.ok(reason.endsWith(`${url}: ${failed.error}`), reason);
+      assert.equal(host.events.slice(since).some((e) => e.event === 'tabLoaded' && e.tab === tab), false);
+      await host.call('closeTab', { tab });
+    }
+    const since = host.mark();
+    const { tab } = await host.call('openTab', { url: 'index.html?later', wait: 'none', active: false });
+    assert.equal((await host.waitFor('tabLoaded', { tab }, { since })).url, `${base}index.html?later`);
+    await host.call('closeTab', { tab });
+    // An evaluation in a page that closes itself is answered.
+    const last = await host.call('openTab', { url: 'index.html?closing', active: false });
+    assert.equal(await host.failure('eval', { in: 'tab', tab: last.tab, world: 'page',
+      code: 'setTimeout(() => window.close(), 50); new Promise((r) => setTimeout(r, 60000))' }), `tab ${last.tab} closed`);
+    assert.match(await host.failure('openTab', { url: 'index.html', wait: 'soon' }), /"wait" is "load" or "none"/);
   });
 
   it('shows and dismisses the popover from the toolbar button', async () => {
@@ -369,7 +479,7 @@ describe('appex run --control', () => {
     assert.deepEqual(await host.sendRaw('{"id": "n", "cmd": 7}', 'n'),
       { id: 'n', ok: false, error: 'malformed request: "cmd" must be a string' });
     host.child.stdin.write('\n   \n');  // blank lines are no requests
-    assert.equal((await host.call('listTabs')).length, 1);
+    assert.deepEqual((await host.call('listTabs')).map((t) => t.tab), ['t1']);
   });
 
   it('quits on request: exit 0, nothing left running', async () => {
