@@ -298,6 +298,10 @@ describe('appex run --control', () => {
       // A time-out names where it ran.
       [{ in: 'tab', tab: 't1', code: 'new Promise((r) => setTimeout(r, 60000))', timeout: 200 }, /^eval in tab t1 timed out after 200 ms$/],
       [{ code: '1', timeout: 'soon' }, /"timeout" is a positive number of milliseconds/],
+      // A message no one answers is named, with where it went (the popup is not loaded yet).
+      [{ code: "appex.runtime.sendMessage('popup', 'title', {}, { timeout: 300 })" }, /no answer to "title" from the popup within 300 ms$/],
+      [{ in: 'tab', tab: 't1', code: "appex.runtime.sendMessage('popup', 'title', {}, { timeout: 300 })" },
+        /no answer to "title" from the popup within 300 ms$/],
     ]) {
       assert.match(await host.failure('eval', request), error, JSON.stringify(request));
     }
