@@ -160,11 +160,24 @@ void HostSession::reportConsole(const WebView& view, const webkit::ConsoleMessag
   } else if (&view == popup.get()) {
     source = "popup";
   }
+  if (message.uncaught) return reportError(source, std::nullopt, message);
   events_("console", Dictionary{{"source", source}, {"level", message.level}, {"text", message.text}});
+}
+
+void HostSession::reportError(const std::string& in, const std::optional<std::string>& tab,
+                              const webkit::ConsoleMessage& message) {
+  Dictionary fields{{"in", in}};
+  if (tab) fields["tab"] = *tab;
+  fields["message"] = message.text;
+  fields["source"] = message.source;
+  fields["line"] = message.line;
+  fields["column"] = message.column;
+  events_("error", std::move(fields));
 }
 
 void HostSession::reportConsole(const std::shared_ptr<webkit::WebKitTab>& tab,
                                 const webkit::ConsoleMessage& message) {
+  if (message.uncaught) return reportError("content", handleOf(tab), message);
   events_("console",
           Dictionary{{"source", "tab"}, {"tab", handleOf(tab)}, {"level", message.level}, {"text", message.text}});
 }

@@ -104,6 +104,10 @@ class HostSession {
   // "level", "text"}.
   void reportConsole(const WebView& view, const webkit::ConsoleMessage& message);
   void reportConsole(const std::shared_ptr<webkit::WebKitTab>& tab, const webkit::ConsoleMessage& message);
+  // An uncaught error of the extension's code: {"in": "background" |
+  // "popup" | "content", "tab"?, "message", "source", "line", "column"}.
+  void reportError(const std::string& in, const std::optional<std::string>& tab,
+                   const webkit::ConsoleMessage& message);
 
   // A tab's load ended: the "tabLoaded" or "loadFailed" event, and the
   // load's waiters.

@@ -130,6 +130,22 @@ int runCommand(const std::vector<std::string>& args) {
       if (event == "ready") channel->open();
       return;
     }
+    if (event == "error") {
+      // "[error] t1 content: TypeError: x is undefined (user-script:3:7:12)"
+      std::string where = asString(fields, "in").value_or("?");
+      if (auto tab = asString(fields, "tab")) where = *tab + " " + where;
+      std::string line = "[error] " + where + ": " + asString(fields, "message").value_or("");
+      auto source = asString(fields, "source").value_or("");
+      if (!source.empty()) {
+        line += " (" + source;
+        if (fields.contains("line") && fields.at("line").is_int64() && fields.at("line").as_int64() > 0) {
+          line += ":" + std::to_string(fields.at("line").as_int64()) + ":" +
+                  std::to_string(fields.at("column").is_int64() ? fields.at("column").as_int64() : 0);
+        }
+        line += ")";
+      }
+      return err(line);
+    }
     if (event == "console") {
       // "[console] background warn: text", "[console] t1 log: text"
       auto source = asString(fields, "tab");
@@ -171,7 +187,8 @@ int runCommand(const std::vector<std::string>& args) {
     });
   } else if (!options.example) {
     readInput([&](std::optional<std::string> line) {
-      if (!line || *line == "quit") quit = true;
+      // With --timeout the run goes on until then.
+      if ((!line && !options.timeoutSeconds) || (line && *line == "quit")) quit = true;
     });
   }
 

@@ -69,7 +69,7 @@ gboolean onConsoleMessage(WebKitWebView* view, WebKitUserMessage* message, gpoin
     for (const auto& tab : window->internals().tabs) {
       if (tab->isClosed() || tab->internals().view != view) continue;
       auto observer = impl.consoleObserver;  // it may replace itself
-      observer(tab, ConsoleMessage{level, text});
+      observer(tab, consoleMessage(level, text));
       return TRUE;
     }
   }

@@ -251,14 +251,6 @@ describe('appex run --control', () => {
     assert.equal((await host.waitFor('console', { level: 'error' }, { since })).text, '%n%s%x %p');
     assert.equal((await host.waitFor('console', { level: 'debug' }, { since })).text, '');
     assert.equal((await host.waitFor('console', { level: 'info' }, { since })).text, 'undefined null 3');
-
-    // Uncaught errors and rejections of the extension's pages are errors.
-    since = host.mark();
-    await host.call('eval', { code: "setTimeout(() => { throw new TypeError('late failure'); }); Promise.reject(new Error('nobody waits')); 0" });
-    await host.waitEvent((e) => e.event === 'console' && e.level === 'error' && e.text.includes('TypeError: late failure'),
-      { since, what: 'the uncaught error' });
-    await host.waitEvent((e) => e.event === 'console' && e.level === 'error' && e.text.includes('nobody waits'),
-      { since, what: 'the unhandled rejection' });
   });
 
   it('reports the extension\'s log lines', async () => {
@@ -493,6 +485,65 @@ describe('appex run --control', () => {
     await host.exited;
     assert.ok(Date.now() - asked < 2_000, `took ${Date.now() - asked} ms to exit`);  // the site lets go promptly
     await assertCleanExit(host);
+  });
+});
+
+describe('the extension\'s errors', () => {
+  // A copy of the example whose background script throws at start, whose
+  // background page names a script that is not there, and whose content
+  // script throws and leaves a rejection unhandled.
+  const bundle = join(scratch, 'errors', 'Failing.appex');
+  const extension = join(bundle, 'Contents/Resources/Assets/extension');
+  before(() => {
+    cpSync(exampleBundle, bundle, { recursive: true });
+    const append = (file, text) => writeFileSync(join(extension, file), readFileSync(join(extension, file), 'utf8') + text);
+    append('background.js', "\nthrow new Error('background start');\n");
+    append('safari_background.html', '<script src="missing.js"></script>\n');
+    append('content.js', "\nPromise.reject(new Error('content rejects'));\nthrow new Error('content start');\n");
+  });
+
+  it('become error events: background, popup and content scripts, never the page\'s own', async () => {
+    const host = new Host(['run', bundle, '--control', '--data-dir', join(scratch, 'data-errors'), '--serve', exampleSite]);
+    try {
+      await host.waitFor('ready', {}, { timeoutMs: 30_000 });
+      const { tab } = await host.call('openTab', { url: 'index.html' });
+      await host.call('eval', { in: 'popup', code: "setTimeout(() => { throw new TypeError('popup late'); }); 0" });
+      await host.call('eval', { in: 'tab', tab, world: 'page', code: "setTimeout(() => { throw new Error('the page own'); }); Promise.reject(new Error('page rejects')); 0" });
+      const expected = [
+        { in: 'background', message: /^Error: background start$/, source: /\/background\.js$/, line: (n) => n > 0 },
+        { in: 'background', message: /^cannot load script .*\/missing\.js$/, source: /\/missing\.js$/ },
+        { in: 'popup', message: /^TypeError: popup late$/ },
+        { in: 'content', tab, message: /^Unhandled rejection: Error: content rejects$/, source: /^user-script:/, line: (n) => n > 0 },
+        // The engine withholds the details of a user script's uncaught error.
+        { in: 'content', tab, message: /^Script error\.$/ },
+      ];
+      for (const want of expected) {
+        const match = (e) => e.event === 'error' && Object.entries(want).every(([k, v]) =>
+          (v instanceof RegExp ? v.test(e[k]) : typeof v === 'function' ? v(e[k]) : e[k] === v));
+        const found = await host.waitEvent(match, { what: `error ${JSON.stringify(want, (k, v) => (v instanceof RegExp ? String(v) : v))}` });
+        assert.deepEqual(Object.keys(found).sort(), ['column', 'event', 'in', 'line', 'message', 'source', ...(want.tab ? ['tab'] : [])].sort());
+      }
+      await host.call('eval', { code: 'new Promise((r) => setTimeout(r, 300))' });
+      const errors = host.events.filter((e) => e.event === 'error');
+      assert.equal(errors.some((e) => /the page own|page rejects/.test(e.message)), false, JSON.stringify(errors));
+      host.closeInput();
+      await assertCleanExit(host);
+    } finally {
+      host.kill();
+    }
+  });
+
+  it('become [error] lines on stderr without --control', async () => {
+    const host = new Host(['run', bundle, '--data-dir', join(scratch, 'data-errors'), '--serve', exampleSite,
+      '--open', 'index.html', '--timeout', '5']);
+    try {
+      host.closeInput();  // --timeout keeps it running
+      await assertCleanExit(host);
+      assert.match(host.stderr, /^\[error\] background: Error: background start \(.*\/background\.js:\d+:\d+\)$/m);
+      assert.match(host.stderr, /^\[error\] t1 content: Unhandled rejection: Error: content rejects \(user-script:\d+:\d+:\d+\)$/m);
+    } finally {
+      host.kill();
+    }
   });
 });
 
