@@ -53,6 +53,52 @@ void readInput(std::function<void(std::optional<std::string>)> onLine) {
 
 std::string describe(const Dictionary& fields) { return boost::json::serialize(fields); }
 
+// A toolbar state's image as the bundle names it, not where this machine
+// keeps it.
+void imageInBundle(Dictionary& toolbar, const std::string& resources) {
+  if (auto image = asString(toolbar, "image"); image && image->starts_with(resources)) {
+    toolbar["image"] = image->substr(resources.size());
+  }
+}
+
+// A session event as a stderr line (without --control), or nothing where
+// the output level leaves it out: errors always; with --quiet nothing else
+// but console errors; the demo shows every event.
+std::optional<std::string> stderrLine(const std::string& event, Dictionary fields, const RunOptions& options,
+                                      const std::string& resources) {
+  const bool demo = options.example && !options.control;
+  if (event == "error") {
+    // "[error] t1 content: TypeError: x is undefined (user-script:3:7:12)"
+    std::string where = asString(fields, "in").value_or("?");
+    if (auto tab = asString(fields, "tab")) where = *tab + " " + where;
+    std::string line = "[error] " + where + ": " + asString(fields, "message").value_or("");
+    const auto source = asString(fields, "source").value_or("");
+    const auto number = [&](const char* key) {
+      return fields.contains(key) && fields.at(key).is_int64() ? fields.at(key).as_int64() : 0;
+    };
+    if (!source.empty()) {
+      line += " (" + source;
+      if (number("line") > 0) line += ":" + std::to_string(number("line")) + ":" + std::to_string(number("column"));
+      line += ")";
+    }
+    return line;
+  }
+  if (event == "console") {
+    // "[console] background warn: text", "[console] t1 log: text"
+    const auto level = asString(fields, "level").value_or("log");
+    if (options.quiet && level != "error") return std::nullopt;
+    auto source = asString(fields, "tab");
+    if (!source) source = asString(fields, "source");
+    return "[console] " + source.value_or("?") + " " + level + ": " + asString(fields, "text").value_or("");
+  }
+  if (options.quiet) return std::nullopt;
+  if (event == "toolbar") imageInBundle(fields, resources);
+  if (event == "toolbar" || event == "ready" || event == "popover" || event == "loadFailed" || demo) {
+    return "[" + event + "] " + describe(fields);
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 int runCommand(const std::vector<std::string>& args) {
@@ -66,13 +112,17 @@ int runCommand(const std::vector<std::string>& args) {
     return kExitOk;
   }
   RunOptions options = *parsed->options;
+  bool servesExample = false;
   if (options.example) {
     options.bundle = APPEX_EXAMPLE_BUNDLE;
     if (!options.control) {
       // The demo: the example's page, the traffic, the toolbar, the popover.
-      if (options.serve.empty()) options.serve = APPEX_EXAMPLE_SITE;
+      if (options.serve.empty()) {
+        options.serve = APPEX_EXAMPLE_SITE;
+        servesExample = true;
+      }
       if (options.open.empty()) options.open.push_back("index.html");
-      options.trace = true;
+      options.trace = !options.quiet;
       if (options.snapshots.empty()) options.snapshots.emplace_back("popover", "appex-popover.png");
     }
   }
@@ -81,7 +131,9 @@ int runCommand(const std::vector<std::string>& args) {
     std::cerr << "appex run: " << checked.error() << "\n";
     return kExitBadBundle;
   }
-  for (const auto& w : checked->warnings) err("appex run: warning: " + w);
+  if (!options.quiet) {
+    for (const auto& w : checked->warnings) err("appex run: warning: " + w);
+  }
 
   std::unique_ptr<SiteServer> site;
   if (!options.serve.empty()) {
@@ -91,7 +143,8 @@ int runCommand(const std::vector<std::string>& args) {
       return kExitFailed;
     }
     site = std::move(*served);
-    err("[serve] " + options.serve + " at " + site->baseURL());
+    // The example's folder by its place in the source tree, not this machine's path.
+    if (!options.quiet) err("[serve] " + (servesExample ? std::string("examples/site") : options.serve) + " at " + site->baseURL());
   }
   for (auto& url : options.open) {
     auto resolved = resolveURL(site ? site->baseURL() : std::string(), url);
@@ -100,6 +153,10 @@ int runCommand(const std::vector<std::string>& args) {
       return kExitUsage;
     }
     url = *resolved;
+    if (!webkit::isLoadableURL(url)) {
+      std::cerr << "appex run: --open: cannot open " << url << " (not an http, https, file or about URL)\n";
+      return kExitUsage;
+    }
   }
 
   auto display = VirtualDisplay::ensure();
@@ -121,8 +178,8 @@ int runCommand(const std::vector<std::string>& args) {
         std::cout, [](std::function<void()> block) { MainQueue::shared().post(std::move(block)); });
   }
   const std::string siteURL = site ? site->baseURL() : std::string();
-  auto events = [&channel, siteURL, demo = options.example && !options.control](const std::string& event,
-                                                                                 Dictionary fields) {
+  const std::string resources = options.bundle + "/Contents/Resources/";
+  auto events = [&channel, siteURL, &options, resources](const std::string& event, Dictionary fields) {
     if (event == "ready") fields["serve"] = siteURL.empty() ? AnyValue(nullptr) : AnyValue(siteURL);
     if (channel) {
       channel->emit(event, std::move(fields));
@@ -130,37 +187,12 @@ int runCommand(const std::vector<std::string>& args) {
       if (event == "ready") channel->open();
       return;
     }
-    if (event == "error") {
-      // "[error] t1 content: TypeError: x is undefined (user-script:3:7:12)"
-      std::string where = asString(fields, "in").value_or("?");
-      if (auto tab = asString(fields, "tab")) where = *tab + " " + where;
-      std::string line = "[error] " + where + ": " + asString(fields, "message").value_or("");
-      auto source = asString(fields, "source").value_or("");
-      if (!source.empty()) {
-        line += " (" + source;
-        if (fields.contains("line") && fields.at("line").is_int64() && fields.at("line").as_int64() > 0) {
-          line += ":" + std::to_string(fields.at("line").as_int64()) + ":" +
-                  std::to_string(fields.at("column").is_int64() ? fields.at("column").as_int64() : 0);
-        }
-        line += ")";
-      }
-      return err(line);
-    }
-    if (event == "console") {
-      // "[console] background warn: text", "[console] t1 log: text"
-      auto source = asString(fields, "tab");
-      if (!source) source = asString(fields, "source");
-      return err("[console] " + source.value_or("?") + " " + asString(fields, "level").value_or("log") + ": " +
-                 asString(fields, "text").value_or(""));
-    }
-    if (event == "toolbar" || event == "ready" || event == "popover" || demo) {
-      err("[" + event + "] " + describe(fields));
-    }
+    if (auto line = stderrLine(event, std::move(fields), options, resources)) err(*line);
   };
-  setLogSink([&channel](LogDestination, std::string_view line) {
+  setLogSink([&channel, verbose = options.verbose](LogDestination, std::string_view line) {
     if (channel) {
       channel->emit("log", Dictionary{{"line", std::string(line)}});
-    } else {
+    } else if (verbose) {
       err("[log] " + std::string(line));
     }
   });
@@ -227,7 +259,7 @@ int runCommand(const std::vector<std::string>& args) {
         s.snapshot(what, file, [&, what = what](Result r) {
           --snapshotsLeft;
           if (r) {
-            err("[snapshot] " + what + ": " + describe(r.value()->as_object()));
+            if (!options.quiet) err("[snapshot] " + what + ": " + describe(r.value()->as_object()));
           } else {
             err("[snapshot] " + what + ": " + r.error().text);
             exitCode = kExitFailed;
@@ -236,7 +268,12 @@ int runCommand(const std::vector<std::string>& args) {
       }
     }
     if (demo && snapshotsStarted && snapshotsLeft == 0) {
-      if (auto w = s.browser().activeWindow()) err("[toolbar] final: " + describe(s.toolbarState(w)));
+      auto w = s.browser().activeWindow();
+      if (w && !options.quiet) {
+        auto state = s.toolbarState(w);
+        imageInBundle(state, resources);
+        err("[toolbar] final: " + describe(state));
+      }
       break;
     }
   }

@@ -20,6 +20,8 @@ struct RunOptions {
   std::vector<std::pair<std::string, std::string>> snapshots;  // (what, file)
   std::optional<double> timeoutSeconds;
   bool privateWindow = false;        // the first window is private
+  bool verbose = false;              // the extension's diagnostic lines ([log]) on stderr too
+  bool quiet = false;                // on stderr, errors only
 };
 
 // The options, or (when `help` is set instead) nothing and the help text

@@ -49,7 +49,7 @@ describe('command line', () => {
     const run = runAppex(['run', '--help']);
     assert.equal(run.code, 0);
     for (const option of ['--open', '--serve', '--data-dir', '--control', '--trace', '--snapshot', '--timeout',
-      '--private']) {
+      '--private', '--verbose', '--quiet']) {
       assert.ok(run.stdout.includes(option), `run --help lacks ${option}`);
     }
     assert.match(run.stdout, /exit codes: 0 ok/);
@@ -60,10 +60,14 @@ describe('command line', () => {
     assert.match(check.stdout, /exit codes: 0 ok, 2 bad command line, 3 bad bundle/);
   });
 
-  it('exits 1 when the run cannot start, 4 without a display to be had', () => {
-    const noSite = runAppex(['run', exampleBundle, '--serve', join(scratch, 'no-such-site')], { input: '' });
-    assert.equal(noSite.code, 1, noSite.stderr);
-    assert.match(noSite.stderr, /no folder to serve: .*no-such-site/);
+  it('exits 1 when the extension never comes up, 4 without a display to be had', () => {
+    // A background script that never returns: the page never answers.
+    const hung = join(scratch, 'hung', 'Hung.appex');
+    cpSync(exampleBundle, hung, { recursive: true });
+    writeFileSync(join(hung, 'Contents/Resources/Assets/extension/background.js'), 'while (true) {}\n');
+    const never = runAppex(['run', hung, '--data-dir', join(scratch, 'data-hung'), '--timeout', '2'], { input: '' });
+    assert.equal(never.code, 1, never.stderr);
+    assert.match(never.stderr, /^appex run: the background page never became ready \(.*\)\n/m);
 
     const env = { ...process.env, PATH: join(scratch, 'empty-path') };
     delete env.DISPLAY;
@@ -74,10 +78,13 @@ describe('command line', () => {
 
   it('rejects a bad command line with exit code 2', () => {
     for (const args of [[], ['teleport'], ['run', '--no-such-option'], ['run', '--timeout', '-1'],
-      ['run', '--timeout', 'soon'], ['run', '--snapshot', 'popover'], ['check'], ['check', '--verbose']]) {
-      const result = runAppex(args);
+      ['run', '--timeout', 'soon'], ['run', '--snapshot', 'popover'], ['run', '--snapshot', 'everything=x.png'],
+      ['run', '--serve', join(scratch, 'no-such-site')], ['run', exampleBundle, '--open', 'index.html'],
+      ['run', exampleBundle, '--open', 'ftp://example.com/'], ['run', '--verbose', '--quiet'], ['check'], ['check', '--verbose']]) {
+      const result = runAppex(args, { input: '' });
       assert.equal(result.code, 2, `appex ${args.join(' ')}: exit ${result.code}\n${result.stderr}`);
       assert.notEqual(result.stderr.trim(), '', `appex ${args.join(' ')} says nothing`);
+      assert.ok(result.stderr.endsWith('\n'), `appex ${args.join(' ')}: no newline at the end of ${JSON.stringify(result.stderr)}`);
     }
   });
 
@@ -533,14 +540,17 @@ describe('the extension\'s errors', () => {
     }
   });
 
-  it('become [error] lines on stderr without --control', async () => {
+  it('become [error] lines on stderr without --control; --quiet prints nothing else', async () => {
     const host = new Host(['run', bundle, '--data-dir', join(scratch, 'data-errors'), '--serve', exampleSite,
-      '--open', 'index.html', '--timeout', '5']);
+      '--open', 'index.html', '--timeout', '5', '--quiet']);
     try {
       host.closeInput();  // --timeout keeps it running
       await assertCleanExit(host);
       assert.match(host.stderr, /^\[error\] background: Error: background start \(.*\/background\.js:\d+:\d+\)$/m);
       assert.match(host.stderr, /^\[error\] t1 content: Unhandled rejection: Error: content rejects \(user-script:\d+:\d+:\d+\)$/m);
+      // --quiet: errors only.
+      const others = host.stderr.split('\n').filter((l) => /^\[/.test(l) && !/^\[error\] |^\[console\] \S+ error: /.test(l));
+      assert.deepEqual(others, []);
     } finally {
       host.kill();
     }
@@ -590,7 +600,8 @@ describe('appex run without --control', () => {
     const tab = join(scratch, 'run-tab.png');
     const started = Date.now();
     const host = new Host(['run', exampleBundle, '--data-dir', join(scratch, 'data-2'), '--serve', exampleSite,
-      '--open', 'index.html', '--snapshot', `background=${background}`, '--snapshot', `t1=${tab}`, '--timeout', '6']);
+      '--open', 'index.html', '--snapshot', `background=${background}`, '--snapshot', `t1=${tab}`, '--timeout', '6',
+      '--verbose']);
     try {
       await assertCleanExit(host);
       assert.ok(Date.now() - started >= 5_000, 'stopped before --timeout');
@@ -598,6 +609,7 @@ describe('appex run without --control', () => {
       assert.match(host.stderr, /\[ready\]/);
       assert.match(host.stderr, /\[console\] background log: active tab now shows http:\/\/127\.0\.0\.1:\d+\/index\.html/);
       assert.match(host.stderr, /\[snapshot\] t1: /);
+      assert.match(host.stderr, /^\[log\] /m);  // --verbose
     } finally {
       host.kill();
     }
@@ -615,6 +627,9 @@ describe('appex run without --control', () => {
       assert.ok(isPNG(join(cwd, 'appex-popover.png')));
       assert.ok([...host.seen.values()].includes('Xvfb'), `no Xvfb seen: ${[...host.seen.values()]}`);
       assert.match(host.stderr, /\[snapshot\] popover: /);
+      // What the README shows: no diagnostic lines, no paths of this machine.
+      assert.doesNotMatch(host.stderr, /^\[log\]/m);
+      for (const path of [exampleBundle, exampleSite]) assert.equal(host.stderr.includes(path), false, host.stderr);
     } finally {
       host.kill();
     }
