@@ -10,12 +10,6 @@ void ControlChannel::add(const std::string& name, Command command) {
   commands_[name] = std::move(command);
 }
 
-std::set<std::string> ControlChannel::commandNames() const {
-  std::set<std::string> names;
-  for (const auto& [name, command] : commands_) names.insert(name);
-  return names;
-}
-
 void ControlChannel::write(const Dictionary& object) {
   std::string line = boost::json::serialize(object);
   line.push_back('\n');
@@ -136,7 +130,9 @@ void ControlChannel::run(const std::string& line, std::uint64_t serial) {
   }
   auto it = commands_.find(*cmd);
   if (it == commands_.end()) {
-    writeReply(id, failure("unknown command: " + *cmd));
+    std::string known;
+    for (const auto& [name, command] : commands_) known += (known.empty() ? "" : ", ") + name;
+    writeReply(id, failure("unknown command: " + *cmd + " (commands: " + known + ")"));
     return;
   }
   {

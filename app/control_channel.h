@@ -29,7 +29,6 @@
 #include <mutex>
 #include <optional>
 #include <ostream>
-#include <set>
 #include <string>
 
 #include "host/any_value.h"
@@ -51,8 +50,6 @@ class ControlChannel {
       : out_(out), schedule_(std::move(schedule)) {}
 
   void add(const std::string& name, Command command);
-  // The names of the commands, for the protocol's own checks.
-  std::set<std::string> commandNames() const;
 
   // Queues one input line; it runs in its turn.
   void handleLine(std::string_view line);

@@ -18,7 +18,7 @@ import { createServer } from 'node:net';
 import { join } from 'node:path';
 import { after, before, describe, it } from 'node:test';
 
-import { Host, appexBin, exampleBundle, exampleSite, runAppex } from './appex_host.mjs';
+import { Host, appexBin, eventsSeen, exampleBundle, exampleSite, runAppex } from './appex_host.mjs';
 
 assert.ok(appexBin && exampleBundle && exampleSite, 'APPEX_BIN, APPEX_EXAMPLE and APPEX_SITE must be set');
 
@@ -183,6 +183,9 @@ describe('requests sent before ready, quit and the end of input', () => {
     });
   }
 });
+
+// What the host says its commands are (from an unknown command's error).
+let commandsKnown = [];
 
 // `actual` equals `expected`, where regular expressions in `expected` match strings.
 function matchShape(actual, expected) {
@@ -478,7 +481,10 @@ describe('appex run --control', () => {
       assert.equal(reply.ok, false, line);
       assert.match(reply.error, /malformed request/, line);
     }
-    assert.deepEqual(await host.request('teleport'), { id: host.nextId - 1, ok: false, error: 'unknown command: teleport' });
+    const unknown = await host.failure('teleport');
+    const [, known] = unknown.match(/^unknown command: teleport \(commands: (.*)\)$/) ?? [];
+    assert.ok(known, unknown);
+    commandsKnown = known.split(', ');
     assert.deepEqual(await host.sendRaw('{"id": "n", "cmd": 7}', 'n'),
       { id: 'n', ok: false, error: 'malformed request: "cmd" must be a string' });
     host.child.stdin.write('\n   \n');  // blank lines are no requests
@@ -633,5 +639,17 @@ describe('appex run without --control', () => {
     } finally {
       host.kill();
     }
+  });
+});
+
+describe('docs/protocol.md', () => {
+  it('lists exactly the commands the host knows and the events these runs have seen', () => {
+    const doc = readFileSync(new URL('../../docs/protocol.md', import.meta.url), 'utf8');
+    const section = (title) => {
+      const body = doc.split(/^## /m).find((part) => part.startsWith(title)) ?? '';
+      return [...body.matchAll(/^### `(\w+)`$/gm)].map((m) => m[1]).sort();
+    };
+    assert.deepEqual(section('Commands'), [...commandsKnown].sort());
+    assert.deepEqual(section('Events'), [...eventsSeen].sort());
   });
 });

@@ -65,7 +65,7 @@ TEST(ControlChannelTest, RepliesEchoTheIdAndBadLinesGetErrors) {
   EXPECT_EQ(got[2].at("ok"), false);
   EXPECT_EQ(got[3].at("ok"), false);
   EXPECT_EQ(got[4], json(R"({"id":2,"ok":false,"error":"malformed request: \"cmd\" must be a string"})"));
-  EXPECT_EQ(got[5], json(R"({"id":3,"ok":false,"error":"unknown command: teleport"})"));
+  EXPECT_EQ(got[5], json(R"x({"id":3,"ok":false,"error":"unknown command: teleport (commands: echo, fail, later, quit)"})x"));
   EXPECT_EQ(got[6], json(R"({"event":"ready","window":"w1"})"));
 }
 
