@@ -63,6 +63,7 @@ std::expected<std::unique_ptr<HostSession>, std::string> HostSession::start(
       [s](const std::shared_ptr<webkit::WebKitTab>& tab, const webkit::WebKitBrowser::LoadOutcome& outcome) {
         s->reportLoad(tab, outcome.url, outcome.title, outcome.error);
       });
+  for (const auto& error : session->browser_->contentScriptErrors()) s->reportError("content", std::nullopt, error);
   session->browser_->install(context);
   session->browser_->setCallbacks(std::make_shared<ExtensionHandlerCallbacks>(context));
   SafariMessagingAPI::shared();  // the router takes the page messages from the first one on

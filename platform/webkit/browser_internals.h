@@ -59,6 +59,7 @@ struct WebKitBrowser::Impl {
   std::shared_ptr<ExtensionCallbacks> callbacks;
   ConsoleObserver consoleObserver;
   LoadObserver loadObserver;
+  std::vector<ConsoleMessage> contentScriptErrors;
   std::vector<std::shared_ptr<WebKitWindow>> windows;
   std::weak_ptr<WebKitWindow> activeWindow;
   PopoverHost popover;

@@ -76,6 +76,37 @@ gboolean onConsoleMessage(WebKitWebView* view, WebKitUserMessage* message, gpoin
   return TRUE;
 }
 
+// The syntax errors of the content scripts, found before any page runs
+// them: the engine withholds the details of a user script's errors from the
+// pages it runs in.
+std::vector<ConsoleMessage> syntaxErrors(const std::vector<ContentRules::File>& scripts,
+                                         const std::string& resources) {
+  std::vector<ConsoleMessage> errors;
+  JSCContext* context = jsc_context_new();
+  for (const auto& script : scripts) {
+    const std::string name =
+        script.path.starts_with(resources) ? script.path.substr(resources.size()) : script.path;
+    JSCException* exception = nullptr;
+    if (jsc_context_check_syntax(context, script.text.c_str(), static_cast<gssize>(script.text.size()),
+                                 JSC_CHECK_SYNTAX_MODE_SCRIPT, name.c_str(), 1,
+                                 &exception) == JSC_CHECK_SYNTAX_RESULT_SUCCESS ||
+        !exception) {
+      if (exception) g_object_unref(exception);
+      continue;
+    }
+    ConsoleMessage error{"error", {}, true, name};
+    const char* type = jsc_exception_get_name(exception);
+    const char* message = jsc_exception_get_message(exception);
+    error.text = std::string(type ? type : "SyntaxError") + ": " + (message ? message : "");
+    error.line = jsc_exception_get_line_number(exception);
+    error.column = jsc_exception_get_column_number(exception);
+    errors.push_back(std::move(error));
+    g_object_unref(exception);
+  }
+  g_object_unref(context);
+  return errors;
+}
+
 }  // namespace
 
 bool isLoadableURL(const std::string& url) {
@@ -124,6 +155,8 @@ std::expected<std::shared_ptr<WebKitBrowser>, std::string> WebKitBrowser::create
       impl->webContext, g_variant_new("(ss)", kContentWorldName, impl->baseURI.c_str()));
   registerResourceScheme(impl->webContext, kScheme, bundle->bundleIdentifier(),
                          bundle->path() + "/Contents/Resources");
+
+  impl->contentScriptErrors = syntaxErrors(impl->rules.scripts, bundle->path() + "/Contents/Resources/");
 
   const std::vector<std::string> patterns = impl->rules.urlPatterns();
   if (!patterns.empty()) {
@@ -210,6 +243,8 @@ void WebKitBrowser::setConsoleObserver(ConsoleObserver observer) {
 }
 
 void WebKitBrowser::setLoadObserver(LoadObserver observer) { impl_->loadObserver = std::move(observer); }
+
+const std::vector<ConsoleMessage>& WebKitBrowser::contentScriptErrors() const { return impl_->contentScriptErrors; }
 
 void WebKitBrowser::getBaseURI(BaseURICompletion completion) { completion(impl_->baseURI); }
 

@@ -127,6 +127,10 @@ class WebKitBrowser final : public SFSafariApplication,
       std::function<void(const std::shared_ptr<WebKitTab>& tab, const ConsoleMessage& message)>;
   void setConsoleObserver(ConsoleObserver observer);
 
+  // The syntax errors of the bundle's content scripts, as uncaught errors
+  // whose source is the script's path in the bundle's resources.
+  const std::vector<ConsoleMessage>& contentScriptErrors() const;
+
   // How a tab's page load ended: the URL it ended at, the page's title and,
   // when it failed (no connection, no such host, an HTTP error status for
   // the document itself), why. A load stopped by another one starting, or

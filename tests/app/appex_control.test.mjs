@@ -503,8 +503,9 @@ describe('appex run --control', () => {
 
 describe('the extension\'s errors', () => {
   // A copy of the example whose background script throws at start, whose
-  // background page names a script that is not there, and whose content
-  // script throws and leaves a rejection unhandled.
+  // background page names a script that is not there, whose content script
+  // throws and leaves a rejection unhandled, and with a content script that
+  // does not parse.
   const bundle = join(scratch, 'errors', 'Failing.appex');
   const extension = join(bundle, 'Contents/Resources/Assets/extension');
   before(() => {
@@ -513,6 +514,10 @@ describe('the extension\'s errors', () => {
     append('background.js', "\nthrow new Error('background start');\n");
     append('safari_background.html', '<script src="missing.js"></script>\n');
     append('content.js', "\nPromise.reject(new Error('content rejects'));\nthrow new Error('content start');\n");
+    writeFileSync(join(extension, 'broken.js'), '// fine\nvar x = (;\n');
+    const plist = join(bundle, 'Contents/Info.plist');
+    writeFileSync(plist, readFileSync(plist, 'utf8').replace('<string>Assets/extension/content.js</string></dict>',
+      '<string>Assets/extension/content.js</string></dict>\n<dict><key>Script</key><string>Assets/extension/broken.js</string></dict>'));
   });
 
   it('become error events: background, popup and content scripts, never the page\'s own', async () => {
@@ -523,6 +528,7 @@ describe('the extension\'s errors', () => {
       await host.call('eval', { in: 'popup', code: "setTimeout(() => { throw new TypeError('popup late'); }); 0" });
       await host.call('eval', { in: 'tab', tab, world: 'page', code: "setTimeout(() => { throw new Error('the page own'); }); Promise.reject(new Error('page rejects')); 0" });
       const expected = [
+        { in: 'content', message: /^SyntaxError: /, source: /^Assets\/extension\/broken\.js$/, line: (n) => n === 2 },
         { in: 'background', message: /^Error: background start$/, source: /\/background\.js$/, line: (n) => n > 0 },
         { in: 'background', message: /^cannot load script .*\/missing\.js$/, source: /\/missing\.js$/ },
         { in: 'popup', message: /^TypeError: popup late$/ },
