@@ -178,22 +178,4 @@ void ControlChannel::failOpen(const std::string& reason) {
   }
 }
 
-std::function<void(Result)> replyOnce(ResultCallback reply) {
-  struct Shared {
-    std::mutex mutex;
-    ResultCallback reply;
-  };
-  auto shared = std::make_shared<Shared>();
-  shared->reply = std::move(reply);
-  return [shared](Result result) {
-    ResultCallback once;
-    {
-      std::lock_guard lock(shared->mutex);
-      once = std::move(shared->reply);
-      shared->reply = nullptr;
-    }
-    if (once) once(std::move(result));
-  };
-}
-
 }  // namespace appex

@@ -102,9 +102,4 @@ class ControlChannel {
   std::uint64_t nextSerial_ = 1;
 };
 
-// A reply that may be called from several paths (the answer, a time-out,
-// the page going away): the first call wins, later ones do nothing.
-// Copyable; thread-safe.
-std::function<void(Result)> replyOnce(ResultCallback reply);
-
 }  // namespace appex

@@ -2,6 +2,7 @@
 
 #include "app/control_channel.h"
 #include "app/host_session.h"
+#include "app/shared_reply.h"
 #include "app/site_server.h"
 #include "core/context.h"
 #include "platform/popover.h"
@@ -62,7 +63,7 @@ std::expected<bool, std::string> waitsForLoad(const Dictionary& request) {
 // page has loaded.
 void replyOnLoad(HostSession& s, bool wait, const std::string& tab, Dictionary result, ResultCallback reply) {
   if (!wait) return reply(success(std::move(result)));
-  s.whenLoaded(tab, [result = std::move(result), reply = replyOnce(std::move(reply))](Result loaded) {
+  s.whenLoaded(tab, [result = std::move(result), reply = SharedReply(std::move(reply))](Result loaded) {
     if (!loaded) return reply(std::move(loaded));
     Dictionary out = result;
     const auto& page = (*loaded)->as_object();
@@ -168,14 +169,17 @@ void addControlCommands(ControlChannel& channel, HostSession& s, std::string sit
       if (!(ms > 0 && ms <= 86'400'000)) return answer(failure("\"timeout\" is a positive number of milliseconds"));
       timeoutMs = static_cast<long>(ms);
     }
-    auto reply = replyOnce(std::move(answer));
+    const SharedReply reply(std::move(answer));
     auto done = [reply](std::expected<AnyValue, std::string> v) { reply(evaluated(std::move(v))); };
     std::string place = "the background page";
     if (where == "popup") place = "the popup";
     if (where == "tab") place = "tab " + param(r, "tab").value_or("?");
-    s.after(std::chrono::milliseconds(timeoutMs), [reply, place, timeoutMs] {
-      reply(failure("eval in " + place + " timed out after " + std::to_string(timeoutMs) + " ms"));
-    });
+    s.after(
+        std::chrono::milliseconds(timeoutMs),
+        [reply, place, timeoutMs] {
+          reply(failure("eval in " + place + " timed out after " + std::to_string(timeoutMs) + " ms"));
+        },
+        [reply] { return reply.answered(); });
     if (where == "background") {
       auto view = s.backgroundWebView();
       if (!view) return done(std::unexpected(std::string("the background page is not up yet")));

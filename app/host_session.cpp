@@ -204,20 +204,28 @@ void HostSession::reportLoad(const std::shared_ptr<webkit::WebKitTab>& tab, cons
   }
 }
 
-void HostSession::whenLoaded(const std::string& tab, std::function<void(Result)> done) {
+void HostSession::whenLoaded(const std::string& tab, std::function<void(Result)> then) {
+  const SharedReply done{ResultCallback(std::move(then))};
   loadWaiters_[tab].push_back(done);
-  after(std::chrono::duration_cast<std::chrono::milliseconds>(kLoadPatience), [done, tab] {
-    done(failure("tab " + tab + " did not finish loading within " +
-                 std::to_string(std::chrono::duration_cast<std::chrono::seconds>(kLoadPatience).count()) + " s"));
-  });
+  after(
+      std::chrono::duration_cast<std::chrono::milliseconds>(kLoadPatience),
+      [done, tab] {
+        done(failure("tab " + tab + " did not finish loading within " +
+                     std::to_string(std::chrono::duration_cast<std::chrono::seconds>(kLoadPatience).count()) +
+                     " s"));
+      },
+      [done] { return done.answered(); });
 }
 
-void HostSession::watchTab(const std::string& tab, std::function<void(Result)> reply) {
-  tabWatchers_[tab].push_back(std::move(reply));
+void HostSession::watchTab(const std::string& tab, SharedReply reply) {
+  auto& watchers = tabWatchers_[tab];
+  std::erase_if(watchers, [](const SharedReply& r) { return r.answered(); });
+  watchers.push_back(std::move(reply));
 }
 
-void HostSession::after(std::chrono::milliseconds delay, std::move_only_function<void()> then) {
-  waiting_.push_back({[] { return false; }, [] {}, Clock::now() + delay, std::move(then)});
+void HostSession::after(std::chrono::milliseconds delay, std::move_only_function<void()> then,
+                        std::function<bool()> moot) {
+  waiting_.push_back({std::move(moot), [] {}, Clock::now() + delay, std::move(then)});
 }
 
 void HostSession::tabGone(const std::string& handle) {

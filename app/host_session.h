@@ -22,6 +22,7 @@
 
 #include "app/bundle_check.h"
 #include "app/run_options.h"
+#include "app/shared_reply.h"
 #include "host/any_value.h"
 #include "host/result.h"
 #include "platform/popover.h"
@@ -82,11 +83,13 @@ class HostSession {
   // "title"} when it loaded, a failure naming the tab and the reason when it
   // did not, closed first or took longer than the load patience.
   void whenLoaded(const std::string& tab, std::function<void(Result)> done);
-  // Fails `reply` ("tab t1 closed") if the tab closes first; a reply that
-  // is answered by then is left alone (see replyOnce).
-  void watchTab(const std::string& tab, std::function<void(Result)> reply);
-  // Runs `then` on a later turn, once `delay` has passed.
-  void after(std::chrono::milliseconds delay, std::move_only_function<void()> then);
+  // Fails `reply` ("tab t1 closed") if the tab closes before it is
+  // answered.
+  void watchTab(const std::string& tab, SharedReply reply);
+  // Runs `then` on a later turn, once `delay` has passed, unless `moot`
+  // holds by then.
+  void after(std::chrono::milliseconds delay, std::move_only_function<void()> then,
+             std::function<bool()> moot = [] { return false; });
 
   // {"image", "badgeText", "label", "enabled"} of a window's toolbar item.
   Dictionary toolbarState(const std::shared_ptr<webkit::WebKitWindow>& window) const;
@@ -158,7 +161,7 @@ class HostSession {
   // Per tab handle: who waits for its next load, and who wants to hear
   // that it closed.
   std::map<std::string, std::vector<std::function<void(Result)>>> loadWaiters_;
-  std::map<std::string, std::vector<std::function<void(Result)>>> tabWatchers_;
+  std::map<std::string, std::vector<SharedReply>> tabWatchers_;
 };
 
 }  // namespace appex
