@@ -61,6 +61,7 @@ std::expected<std::unique_ptr<HostSession>, std::string> HostSession::start(
       });
   session->browser_->setLoadObserver(
       [s](const std::shared_ptr<webkit::WebKitTab>& tab, const webkit::WebKitBrowser::LoadOutcome& outcome) {
+        if (outcome.committed) return s->pageGone(s->handleOf(tab), outcome.url);
         s->reportLoad(tab, outcome.url, outcome.title, outcome.error);
       });
   for (const auto& error : session->browser_->contentScriptErrors()) s->reportError("content", std::nullopt, error);
@@ -226,6 +227,11 @@ void HostSession::watchTab(const std::string& tab, SharedReply reply) {
 void HostSession::after(std::chrono::milliseconds delay, std::move_only_function<void()> then,
                         std::function<bool()> moot) {
   waiting_.push_back({std::move(moot), [] {}, Clock::now() + delay, std::move(then)});
+}
+
+void HostSession::pageGone(const std::string& handle, const std::string& url) {
+  auto watchers = std::exchange(tabWatchers_[handle], {});
+  for (auto& reply : watchers) reply(failure("the page in tab " + handle + " went away (the tab loads " + url + ")"));
 }
 
 void HostSession::tabGone(const std::string& handle) {

@@ -83,8 +83,8 @@ class HostSession {
   // "title"} when it loaded, a failure naming the tab and the reason when it
   // did not, closed first or took longer than the load patience.
   void whenLoaded(const std::string& tab, std::function<void(Result)> done);
-  // Fails `reply` ("tab t1 closed") if the tab closes before it is
-  // answered.
+  // Fails `reply` if the tab closes ("tab t1 closed") or its page goes
+  // away (the tab commits another load) before it is answered.
   void watchTab(const std::string& tab, SharedReply reply);
   // Runs `then` on a later turn, once `delay` has passed, unless `moot`
   // holds by then.
@@ -117,6 +117,7 @@ class HostSession {
   void reportLoad(const std::shared_ptr<webkit::WebKitTab>& tab, const std::string& url,
                   const std::optional<std::string>& title, const std::optional<std::string>& error);
   void tabGone(const std::string& handle);
+  void pageGone(const std::string& handle, const std::string& url);
 
   void reconcile();
   void checkReadiness();

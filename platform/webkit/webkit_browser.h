@@ -135,7 +135,10 @@ class WebKitBrowser final : public SFSafariApplication,
   // when it failed (no connection, no such host, an HTTP error status for
   // the document itself), why. A load stopped by another one starting, or
   // by the tab closing, ends in neither way and is not reported.
+  // Observers also hear of each load's commit (`committed`, no error): the
+  // tab's previous document is gone from then on.
   struct LoadOutcome {
+    bool committed = false;
     std::string url;
     std::optional<std::string> title;
     std::optional<std::string> error;

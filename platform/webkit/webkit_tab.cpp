@@ -80,8 +80,13 @@ void onLoadChanged(WebKitWebView* view, WebKitLoadEvent event, gpointer data) {
     }
   } else if (event == WEBKIT_LOAD_COMMITTED) {
     impl->requestedURL.reset();
-    auto window = impl->window.lock();
     auto browser = impl->browser.lock();
+    if (browser && !browser->internals().shutDown && browser->internals().loadObserver && !impl->showingErrorPage) {
+      const char* uri = webkit_web_view_get_uri(view);
+      auto observer = browser->internals().loadObserver;
+      observer(tab, WebKitBrowser::LoadOutcome{true, uri ? uri : "", std::nullopt, std::nullopt});
+    }
+    auto window = impl->window.lock();
     if (window && browser) {
       if (window->activeTab() == tab) window->internals().refreshLocation();
       browser->internals().requestValidation(window);

@@ -403,10 +403,15 @@ describe('appex run --control', () => {
     const { tab } = await host.call('openTab', { url: 'index.html?later', wait: 'none', active: false });
     assert.equal((await host.waitFor('tabLoaded', { tab }, { since })).url, `${base}index.html?later`);
     await host.call('closeTab', { tab });
-    // An evaluation in a page that closes itself is answered.
+    // An evaluation whose page goes away is answered.
     const last = await host.call('openTab', { url: 'index.html?closing', active: false });
-    assert.equal(await host.failure('eval', { in: 'tab', tab: last.tab, world: 'page',
-      code: 'setTimeout(() => window.close(), 50); new Promise((r) => setTimeout(r, 60000))' }), `tab ${last.tab} closed`);
+    for (const [leave, error] of [
+      ["location.replace('?gone')", new RegExp(`^the page in tab ${last.tab} went away \\(the tab loads .*\\?gone\\)$`)],
+      ['window.close()', new RegExp(`^tab ${last.tab} closed$`)],
+    ]) {
+      assert.match(await host.failure('eval', { in: 'tab', tab: last.tab, world: 'page', timeout: 20_000,
+        code: `setTimeout(() => ${leave}, 50); new Promise((r) => setTimeout(r, 60000))` }), error);
+    }
     assert.match(await host.failure('openTab', { url: 'index.html', wait: 'soon' }), /"wait" is "load" or "none"/);
   });
 
