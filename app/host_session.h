@@ -1,9 +1,10 @@
 // HostSession: one run of an extension on the WebKit browser, as `appex run`
 // drives it: the Context with the bundle, the user defaults, the browser and
 // the extension's entry; host handles for windows and tabs ("w1", "t1");
-// readiness of the background page; snapshots; and the events the
-// automation protocol reports, the console messages of the extension's pages
-// and content scripts among them.
+// readiness of the background page; page loads and who waits for them;
+// snapshots; and the events the automation protocol reports (docs/
+// protocol.md), the console messages and uncaught errors of the extension's
+// pages and content scripts among them.
 //
 // The session owns the main loop's turns (`tick`); the command line and the
 // automation protocol act on it between turns.
