@@ -134,7 +134,7 @@ describe('command line', () => {
 
 describe('requests sent before ready, quit and the end of input', () => {
   // Each case writes its lines at once, before the extension is up, and
-  // expects one reply per request, in that order, then a clean exit.
+  // expects one reply per request, then a clean exit.
   const cases = {
     'quit waits for the requests before it and refuses those after': {
       args: [],
@@ -165,16 +165,14 @@ describe('requests sent before ready, quit and the end of input', () => {
         host.child.stdin.write(lines.map((line, i) => JSON.stringify({ id: i + 1, ...line }) + '\n').join(''));
         if (close) host.closeInput();
         await assertCleanExit(host);
-        const order = host.lines.filter((l) => 'id' in l).map((l) => l.id);
-        const got = [...host.lines.filter((l) => 'id' in l)].sort((a, b) => a.id - b.id);
-        assert.deepEqual(got.map((l) => l.id), replies.map((_, i) => i + 1), 'one reply per request');
+        // Requests run one at a time: the replies come in request order.
+        const got = host.lines.filter((l) => 'id' in l);
+        assert.deepEqual(got.map((l) => l.id), replies.map((_, i) => i + 1), 'one reply per request, in order');
         replies.forEach((want, i) => {
           assert.equal(got[i].ok, want.ok, JSON.stringify(got[i]));
           if (want.error) assert.match(got[i].error, want.error);
           if ('result' in want) matchShape(got[i].result, want.result);
         });
-        const quit = lines.findIndex((l) => l.cmd === 'quit') + 1;
-        for (let id = 1; id < quit; ++id) assert.ok(order.indexOf(id) < order.indexOf(quit), `quit answered before ${id}`);
         const { serve } = host.events.find((e) => e.event === 'ready');
         if (args.includes('--serve')) assert.ok(got[0].result.url.startsWith(serve), serve); else assert.equal(serve, null);
       } finally {
