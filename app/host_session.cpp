@@ -310,23 +310,41 @@ void HostSession::checkReadiness() {
   probe(backgroundWebView(), backgroundProbe_);
   if (!backgroundProbe_->loaded) return;
   ready_ = true;
-  openPendingURLs();
-  events_("ready", Dictionary{});
+  // "ready" once the pages asked for have loaded (or failed to), so that
+  // the first requests find them with their content scripts.
+  auto opening = openPendingURLs();
+  auto left = std::make_shared<std::size_t>(opening.size());
+  auto announce = [this] { events_("ready", Dictionary{}); };
+  if (opening.empty()) return announce();
+  for (const auto& tab : opening) {
+    whenLoaded(tab, [left, announce](Result) {
+      if (--*left == 0) announce();
+    });
+  }
 }
 
-void HostSession::openPendingURLs() {
+std::vector<std::string> HostSession::openPendingURLs() {
+  std::vector<std::string> opening;
   auto window = browser_->activeWindow();
-  if (!window) return;
+  if (!window) return opening;
   auto first = window->activeTab();
   for (std::size_t i = 0; i < pendingURLs_.size(); ++i) {
     const std::string& url = pendingURLs_[i];
+    std::shared_ptr<webkit::WebKitTab> tab;
     if (i == 0 && first) {
       first->navigateToURL(url);
-    } else if (!window->openTab(url, false)) {
+      tab = first;
+    } else {
+      tab = window->openTab(url, false);
+    }
+    if (tab) {
+      opening.push_back(handleOf(tab));
+    } else {
       events_("log", Dictionary{{"line", std::string("appex: cannot open ").append(url)}});
     }
   }
   pendingURLs_.clear();
+  return opening;
 }
 
 void HostSession::whenPopupLoaded(std::move_only_function<void()> then, std::move_only_function<void()> expired) {

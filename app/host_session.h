@@ -61,7 +61,8 @@ class HostSession {
   // changes, readiness. Cheap; call it every few milliseconds.
   void tick();
 
-  // The background page has loaded and answers over its bridge.
+  // The background page has loaded and answers over its bridge. (The
+  // "ready" event follows once the pages of --open have loaded too.)
   bool ready() const { return ready_; }
 
   // Host handles.
@@ -122,7 +123,8 @@ class HostSession {
 
   void reconcile();
   void checkReadiness();
-  void openPendingURLs();
+  // Opens the pages of --open; their tabs' handles.
+  std::vector<std::string> openPendingURLs();
   void runWaiting();
 
   Context& context_;

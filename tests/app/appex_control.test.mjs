@@ -147,14 +147,15 @@ describe('requests sent before ready, quit and the end of input', () => {
       replies: [{ ok: true, result: 1 }, { ok: false, error: /^eval in the background page timed out after 300 ms$/ },
         { ok: true, result: true }, { ok: false, error: /^listTabs: not run, the host is quitting$/ }],
     },
-    'the end of input answers everything; relative URLs open from the served site': {
-      args: ['--serve', exampleSite],
+    'the end of input answers everything; --open pages have loaded; relative URLs open from the served site': {
+      args: ['--serve', exampleSite, '--open', 'index.html'],
       lines: [
+        { cmd: 'eval', in: 'tab', tab: 't1', code: 'typeof appex' },
         { cmd: 'openTab', url: 'index.html' },
         { cmd: 'eval', in: 'tab', tab: 't2', code: 'typeof appex' },
       ],
       close: true,
-      replies: [{ ok: true, result: { tab: 't2', window: 'w1', url: /^http:\/\/127\.0\.0\.1:\d+\/index\.html$/, title: 'A page to count' } },
+      replies: [{ ok: true, result: 'object' }, { ok: true, result: { tab: 't2', window: 'w1', url: /^http:\/\/127\.0\.0\.1:\d+\/index\.html$/, title: 'A page to count' } },
         { ok: true, result: 'object' }],
     },
   };
@@ -174,7 +175,7 @@ describe('requests sent before ready, quit and the end of input', () => {
           if ('result' in want) matchShape(got[i].result, want.result);
         });
         const { serve } = host.events.find((e) => e.event === 'ready');
-        if (args.includes('--serve')) assert.ok(got[0].result.url.startsWith(serve), serve); else assert.equal(serve, null);
+        if (args.includes('--serve')) assert.ok(got[1].result.url.startsWith(serve), serve); else assert.equal(serve, null);
       } finally {
         host.kill();
       }
