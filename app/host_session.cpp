@@ -314,7 +314,10 @@ void HostSession::checkReadiness() {
   // the first requests find them with their content scripts.
   auto opening = openPendingURLs();
   auto left = std::make_shared<std::size_t>(opening.size());
-  auto announce = [this] { events_("ready", Dictionary{}); };
+  auto announce = [this] {
+    announced_ = true;
+    events_("ready", Dictionary{});
+  };
   if (opening.empty()) return announce();
   for (const auto& tab : opening) {
     whenLoaded(tab, [left, announce](Result) {

@@ -61,9 +61,9 @@ class HostSession {
   // changes, readiness. Cheap; call it every few milliseconds.
   void tick();
 
-  // The background page has loaded and answers over its bridge. (The
-  // "ready" event follows once the pages of --open have loaded too.)
-  bool ready() const { return ready_; }
+  // The background page has loaded and answers over its bridge, and the
+  // pages of --open have loaded (or failed to): the "ready" event is out.
+  bool ready() const { return announced_; }
 
   // Host handles.
   std::shared_ptr<webkit::WebKitWindow> window(const std::string& handle) const;
@@ -151,7 +151,8 @@ class HostSession {
   };
   void probe(const std::shared_ptr<WebView>& view, std::shared_ptr<Probe> state);
 
-  bool ready_ = false;
+  bool ready_ = false;      // the background page answers
+  bool announced_ = false;  // and "ready" has been sent
   std::vector<std::string> pendingURLs_;  // opened once the background page is ready
   std::shared_ptr<Probe> backgroundProbe_ = std::make_shared<Probe>();
   // Work waiting for a condition (a page to load, the popover to open).
