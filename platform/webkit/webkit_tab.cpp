@@ -33,6 +33,9 @@ void reportLoad(WebKitWebView* view, Impl& impl, const std::shared_ptr<WebKitTab
   const bool stopped = std::exchange(impl.loadStopped, false);
   auto error = std::exchange(impl.loadError, std::nullopt);
   if (std::exchange(impl.showingErrorPage, false)) return;  // the engine's page about the last failure
+  // A load asked for since has not committed yet: this is an earlier one's
+  // end, overtaken.
+  if (!error && impl.requestedURL) return;
   auto browser = impl.browser.lock();
   if (stopped || !browser || browser->internals().shutDown || !browser->internals().loadObserver) return;
   if (!error) error = httpError(view);
