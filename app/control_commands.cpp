@@ -2,6 +2,8 @@
 
 #include "app/control_channel.h"
 #include "app/host_session.h"
+#include "app/shared_reply.h"
+#include "app/site_server.h"
 #include "core/context.h"
 #include "platform/popover.h"
 #include "platform/user_defaults.h"
@@ -48,37 +50,74 @@ Result evaluated(std::expected<AnyValue, std::string> value) {
   return success(std::move(*value));
 }
 
+// How a load-opening command waits: "load" (the default) or "none".
+std::expected<bool, std::string> waitsForLoad(const Dictionary& request) {
+  if (!request.contains("wait")) return true;
+  auto wait = param(request, "wait");
+  if (wait == "load") return true;
+  if (wait == "none") return false;
+  return std::unexpected(std::string("\"wait\" is \"load\" or \"none\""));
+}
+
+// The reply of a command that opened or navigated `tab`: now, or once its
+// page has loaded.
+void replyOnLoad(HostSession& s, bool wait, const std::string& tab, Dictionary result, ResultCallback reply) {
+  if (!wait) return reply(success(std::move(result)));
+  s.whenLoaded(tab, [result = std::move(result), reply = SharedReply(std::move(reply))](Result loaded) {
+    if (!loaded) return reply(std::move(loaded));
+    Dictionary out = result;
+    const auto& page = (*loaded)->as_object();
+    out["url"] = page.at("url");
+    out["title"] = page.at("title");
+    reply(success(std::move(out)));
+  });
+}
+
 }  // namespace
 
-void addControlCommands(ControlChannel& channel, HostSession& s, std::function<void()> quit) {
-  channel.add("openTab", [&s](const Dictionary& r, ResultCallback reply) {
+void addControlCommands(ControlChannel& channel, HostSession& s, std::string siteURL, std::function<void()> quit) {
+  auto urlOf = [siteURL](const Dictionary& r) -> std::expected<std::string, std::string> {
     auto url = param(r, "url");
-    if (!url) return reply(failure("\"url\" is required"));
+    if (!url) return std::unexpected(std::string("\"url\" is required"));
+    return resolveURL(siteURL, *url);
+  };
+  channel.add("openTab", [&s, urlOf](const Dictionary& r, ResultCallback reply) {
+    auto url = urlOf(r);
+    if (!url) return reply(failure(url.error()));
+    auto wait = waitsForLoad(r);
+    if (!wait) return reply(failure(wait.error()));
     std::string error;
     auto w = windowFor(s, r, &error);
     if (!w) return reply(failure(error));
     auto t = w->openTab(*url, asBool(r, "active").value_or(true));
     if (!t) return reply(failure("cannot open " + *url));
-    reply(success(Dictionary{{"tab", s.handleOf(t)}, {"window", s.handleOf(w)}}));
+    const std::string tab = s.handleOf(t);
+    replyOnLoad(s, *wait, tab, Dictionary{{"tab", tab}, {"window", s.handleOf(w)}}, std::move(reply));
   });
-  channel.add("openWindow", [&s](const Dictionary& r, ResultCallback reply) {
-    auto url = param(r, "url");
-    if (!url) return reply(failure("\"url\" is required"));
+  channel.add("openWindow", [&s, urlOf](const Dictionary& r, ResultCallback reply) {
+    auto url = urlOf(r);
+    if (!url) return reply(failure(url.error()));
+    auto wait = waitsForLoad(r);
+    if (!wait) return reply(failure(wait.error()));
     auto w = s.browser().openWindow(*url, asBool(r, "private").value_or(false));
     if (!w) return reply(failure("cannot open " + *url));
     auto tabs = w->tabs();
-    reply(success(Dictionary{{"window", s.handleOf(w)},
-                             {"tab", tabs.empty() ? AnyValue(nullptr) : AnyValue(s.handleOf(tabs.front()))}}));
+    if (tabs.empty()) return reply(failure("the window opened without a tab"));
+    const std::string tab = s.handleOf(tabs.front());
+    replyOnLoad(s, *wait, tab, Dictionary{{"window", s.handleOf(w)}, {"tab", tab}}, std::move(reply));
   });
-  channel.add("navigate", [&s](const Dictionary& r, ResultCallback reply) {
+  channel.add("navigate", [&s, urlOf](const Dictionary& r, ResultCallback reply) {
     std::string error;
     auto t = tabFor(s, r, &error);
     if (!t) return reply(failure(error));
-    auto url = param(r, "url");
-    if (!url) return reply(failure("\"url\" is required"));
+    auto url = urlOf(r);
+    if (!url) return reply(failure(url.error()));
+    auto wait = waitsForLoad(r);
+    if (!wait) return reply(failure(wait.error()));
     if (!webkit::isLoadableURL(*url)) return reply(failure("cannot load " + *url));
     t->navigateToURL(*url);
-    reply(success(true));
+    const std::string tab = s.handleOf(t);
+    replyOnLoad(s, *wait, tab, Dictionary{{"tab", tab}}, std::move(reply));
   });
   channel.add("activateTab", [&s](const Dictionary& r, ResultCallback reply) {
     std::string error;
@@ -119,23 +158,36 @@ void addControlCommands(ControlChannel& channel, HostSession& s, std::function<v
     }
     reply(success(std::move(out)));
   });
-  channel.add("eval", [&s](const Dictionary& r, ResultCallback reply) {
+  channel.add("eval", [&s](const Dictionary& r, ResultCallback answer) {
     auto code = param(r, "code");
-    if (!code) return reply(failure("\"code\" is required"));
+    if (!code) return answer(failure("\"code\" is required"));
     const std::string where = param(r, "in").value_or("background");
-    auto done = [reply = std::move(reply)](std::expected<AnyValue, std::string> v) mutable {
-      reply(evaluated(std::move(v)));
-    };
+    long timeoutMs = kEvalTimeoutMs;
+    if (r.contains("timeout")) {
+      const auto& t = r.at("timeout");
+      const double ms = t.is_number() ? t.to_number<double>() : -1;
+      if (!(ms > 0 && ms <= 86'400'000)) return answer(failure("\"timeout\" is a positive number of milliseconds"));
+      timeoutMs = static_cast<long>(ms);
+    }
+    const SharedReply reply(std::move(answer));
+    auto done = [reply](std::expected<AnyValue, std::string> v) { reply(evaluated(std::move(v))); };
+    std::string place = "the background page";
+    if (where == "popup") place = "the popup";
+    if (where == "tab") place = "tab " + param(r, "tab").value_or("?");
+    s.after(
+        std::chrono::milliseconds(timeoutMs),
+        [reply, place, timeoutMs] {
+          reply(failure("eval in " + place + " timed out after " + std::to_string(timeoutMs) + " ms"));
+        },
+        [reply] { return reply.answered(); });
     if (where == "background") {
       auto view = s.backgroundWebView();
       if (!view) return done(std::unexpected(std::string("the background page is not up yet")));
       return webkit::evaluateInWebView(view, *code, std::move(done));
     }
     if (where == "popup") {
-      auto shared = std::make_shared<decltype(done)>(std::move(done));
-      s.whenPopupLoaded(
-          [&s, code = *code, shared] { webkit::evaluateInWebView(s.popupWebView(), code, std::move(*shared)); },
-          [shared] { (*shared)(std::unexpected(std::string("the popup page did not load"))); });
+      s.whenPopupLoaded([&s, code = *code, done] { webkit::evaluateInWebView(s.popupWebView(), code, done); },
+                        [done] { done(std::unexpected(std::string("the popup page did not load"))); });
       return;
     }
     if (where == "tab") {
@@ -146,7 +198,15 @@ void addControlCommands(ControlChannel& channel, HostSession& s, std::function<v
       if (world != "content" && world != "page") {
         return done(std::unexpected("\"world\" is \"content\" or \"page\", not \"" + world + "\""));
       }
-      return webkit::evaluateInTab(t, *code, world == "content", std::move(done));
+      const std::string handle = s.handleOf(t);
+      s.watchTab(handle, reply);
+      // The engine drops an evaluation whose page went away with an error
+      // of its own; say what happened.
+      return webkit::evaluateInTab(t, *code, world == "content",
+                                   [done, t, handle](std::expected<AnyValue, std::string> v) {
+                                     if (!v && t->isClosed()) v = std::unexpected("tab " + handle + " closed");
+                                     done(std::move(v));
+                                   });
     }
     done(std::unexpected("\"in\" is \"background\", \"popup\" or \"tab\", not \"" + where + "\""));
   });
@@ -205,7 +265,8 @@ void addControlCommands(ControlChannel& channel, HostSession& s, std::function<v
   channel.add("defaults", [&s](const Dictionary&, ResultCallback reply) {
     reply(success(s.context().get<UserDefaults>()->dictionaryRepresentation()));
   });
-  channel.add("quit", [quit](const Dictionary&, ResultCallback reply) {
+  channel.add("quit", [&channel, quit](const Dictionary&, ResultCallback reply) {
+    channel.end();  // what comes after is not run
     reply(success(true));
     quit();
   });

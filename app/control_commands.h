@@ -7,13 +7,20 @@
 #pragma once
 
 #include <functional>
+#include <string>
 
 namespace appex {
 
 class ControlChannel;
 class HostSession;
 
-// `quit` ends the run after the reply has been written.
-void addControlCommands(ControlChannel& channel, HostSession& session, std::function<void()> quit);
+// `siteURL` is the served site's URL ("" when nothing is served): relative
+// URLs resolve against it. `quit` ends the run; the `quit` command calls it
+// once every earlier request has been answered and its own reply written.
+void addControlCommands(ControlChannel& channel, HostSession& session, std::string siteURL,
+                        std::function<void()> quit);
+
+// How long `eval` waits for its value unless the request says otherwise.
+inline constexpr int kEvalTimeoutMs = 10'000;
 
 }  // namespace appex

@@ -59,6 +59,12 @@ std::expected<std::unique_ptr<HostSession>, std::string> HostSession::start(
       [s](const std::shared_ptr<webkit::WebKitTab>& tab, const webkit::ConsoleMessage& message) {
         s->reportConsole(tab, message);
       });
+  session->browser_->setLoadObserver(
+      [s](const std::shared_ptr<webkit::WebKitTab>& tab, const webkit::WebKitBrowser::LoadOutcome& outcome) {
+        if (outcome.committed) return s->pageGone(s->handleOf(tab), outcome.url);
+        s->reportLoad(tab, outcome.url, outcome.title, outcome.error);
+      });
+  for (const auto& error : session->browser_->contentScriptErrors()) s->reportError("content", std::nullopt, error);
   session->browser_->install(context);
   session->browser_->setCallbacks(std::make_shared<ExtensionHandlerCallbacks>(context));
   SafariMessagingAPI::shared();  // the router takes the page messages from the first one on
@@ -159,13 +165,85 @@ void HostSession::reportConsole(const WebView& view, const webkit::ConsoleMessag
   } else if (&view == popup.get()) {
     source = "popup";
   }
+  if (message.uncaught) return reportError(source, std::nullopt, message);
   events_("console", Dictionary{{"source", source}, {"level", message.level}, {"text", message.text}});
+}
+
+void HostSession::reportError(const std::string& in, const std::optional<std::string>& tab,
+                              const webkit::ConsoleMessage& message) {
+  Dictionary fields{{"in", in}};
+  if (tab) fields["tab"] = *tab;
+  fields["message"] = message.text;
+  fields["source"] = message.source;
+  fields["line"] = message.line;
+  fields["column"] = message.column;
+  events_("error", std::move(fields));
 }
 
 void HostSession::reportConsole(const std::shared_ptr<webkit::WebKitTab>& tab,
                                 const webkit::ConsoleMessage& message) {
+  if (message.uncaught) return reportError("content", handleOf(tab), message);
   events_("console",
           Dictionary{{"source", "tab"}, {"tab", handleOf(tab)}, {"level", message.level}, {"text", message.text}});
+}
+
+void HostSession::reportLoad(const std::shared_ptr<webkit::WebKitTab>& tab, const std::string& url,
+                             const std::optional<std::string>& title, const std::optional<std::string>& error) {
+  const std::string handle = handleOf(tab);
+  Dictionary fields{{"tab", handle}, {"url", url}};
+  if (error) {
+    fields["error"] = *error;
+  } else {
+    fields["title"] = orNull(title);
+  }
+  auto waiters = std::exchange(loadWaiters_[handle], {});
+  loadWaiters_.erase(handle);
+  events_(error ? "loadFailed" : "tabLoaded", fields);
+  for (auto& done : waiters) {
+    if (error) {
+      done(failure("tab " + handle + " did not load " + url + ": " + *error));
+    } else {
+      done(success(fields));
+    }
+  }
+}
+
+void HostSession::whenLoaded(const std::string& tab, std::function<void(Result)> then) {
+  const SharedReply done{ResultCallback(std::move(then))};
+  loadWaiters_[tab].push_back(done);
+  after(
+      std::chrono::duration_cast<std::chrono::milliseconds>(kLoadPatience),
+      [done, tab] {
+        done(failure("tab " + tab + " did not finish loading within " +
+                     std::to_string(std::chrono::duration_cast<std::chrono::seconds>(kLoadPatience).count()) +
+                     " s"));
+      },
+      [done] { return done.answered(); });
+}
+
+void HostSession::watchTab(const std::string& tab, SharedReply reply) {
+  auto& watchers = tabWatchers_[tab];
+  std::erase_if(watchers, [](const SharedReply& r) { return r.answered(); });
+  watchers.push_back(std::move(reply));
+}
+
+void HostSession::after(std::chrono::milliseconds delay, std::move_only_function<void()> then,
+                        std::function<bool()> moot) {
+  waiting_.push_back({std::move(moot), [] {}, Clock::now() + delay, std::move(then)});
+}
+
+void HostSession::pageGone(const std::string& handle, const std::string& url) {
+  auto watchers = std::exchange(tabWatchers_[handle], {});
+  for (auto& reply : watchers) reply(failure("the page in tab " + handle + " went away (the tab loads " + url + ")"));
+}
+
+void HostSession::tabGone(const std::string& handle) {
+  auto waiters = std::exchange(loadWaiters_[handle], {});
+  auto watchers = std::exchange(tabWatchers_[handle], {});
+  loadWaiters_.erase(handle);
+  tabWatchers_.erase(handle);
+  for (auto& done : waiters) done(failure("tab " + handle + " closed before it loaded"));
+  for (auto& reply : watchers) reply(failure("tab " + handle + " closed"));
 }
 
 void HostSession::reconcile() {
@@ -189,6 +267,7 @@ void HostSession::reconcile() {
       ++it;
       continue;
     }
+    tabGone(it->first);
     events_("tabClosed", Dictionary{{"tab", it->first}});
     std::erase_if(handles_, [&](const auto& entry) { return entry.second == it->first; });
     it = tabs_.erase(it);
@@ -234,23 +313,44 @@ void HostSession::checkReadiness() {
   probe(backgroundWebView(), backgroundProbe_);
   if (!backgroundProbe_->loaded) return;
   ready_ = true;
-  openPendingURLs();
-  events_("ready", Dictionary{});
+  // "ready" once the pages asked for have loaded (or failed to), so that
+  // the first requests find them with their content scripts.
+  auto opening = openPendingURLs();
+  auto left = std::make_shared<std::size_t>(opening.size());
+  auto announce = [this] {
+    announced_ = true;
+    events_("ready", Dictionary{});
+  };
+  if (opening.empty()) return announce();
+  for (const auto& tab : opening) {
+    whenLoaded(tab, [left, announce](Result) {
+      if (--*left == 0) announce();
+    });
+  }
 }
 
-void HostSession::openPendingURLs() {
+std::vector<std::string> HostSession::openPendingURLs() {
+  std::vector<std::string> opening;
   auto window = browser_->activeWindow();
-  if (!window) return;
+  if (!window) return opening;
   auto first = window->activeTab();
   for (std::size_t i = 0; i < pendingURLs_.size(); ++i) {
     const std::string& url = pendingURLs_[i];
+    std::shared_ptr<webkit::WebKitTab> tab;
     if (i == 0 && first) {
       first->navigateToURL(url);
-    } else if (!window->openTab(url, false)) {
+      tab = first;
+    } else {
+      tab = window->openTab(url, false);
+    }
+    if (tab) {
+      opening.push_back(handleOf(tab));
+    } else {
       events_("log", Dictionary{{"line", std::string("appex: cannot open ").append(url)}});
     }
   }
   pendingURLs_.clear();
+  return opening;
 }
 
 void HostSession::whenPopupLoaded(std::move_only_function<void()> then, std::move_only_function<void()> expired) {
@@ -265,18 +365,22 @@ void HostSession::whenPopupLoaded(std::move_only_function<void()> then, std::mov
 
 void HostSession::runWaiting() {
   const auto now = Clock::now();
-  std::vector<Waiting> still;
+  // What runs may add waiting work of its own.
+  std::vector<Waiting> all = std::exchange(waiting_, {});
   std::vector<Waiting> due;
-  for (auto& w : waiting_) {
+  std::vector<Waiting> expired;
+  for (auto& w : all) {
     if (w.due()) {
       due.push_back(std::move(w));
     } else if (now >= w.deadline) {
-      if (w.expire) w.expire();
+      expired.push_back(std::move(w));
     } else {
-      still.push_back(std::move(w));
+      waiting_.push_back(std::move(w));
     }
   }
-  waiting_ = std::move(still);
+  for (auto& w : expired) {
+    if (w.expire) w.expire();
+  }
   for (auto& w : due) w.run();
 }
 
@@ -346,7 +450,7 @@ void HostSession::snapshot(const std::string& what, const std::string& path, Res
   if (!tabs_.contains(what)) return (*shared)(failure("snapshot: no tab " + what));
   waiting_.push_back({[this, what] {
                         auto t = tab(what);
-                        return t && !t->isLoading();
+                        return !t || !t->isLoading();
                       },
                       [this, what, path, written]() mutable {
                         auto t = tab(what);

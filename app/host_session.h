@@ -1,9 +1,10 @@
 // HostSession: one run of an extension on the WebKit browser, as `appex run`
 // drives it: the Context with the bundle, the user defaults, the browser and
 // the extension's entry; host handles for windows and tabs ("w1", "t1");
-// readiness of the background page; snapshots; and the events the
-// automation protocol reports, the console messages of the extension's pages
-// and content scripts among them.
+// readiness of the background page; page loads and who waits for them;
+// snapshots; and the events the automation protocol reports (docs/
+// protocol.md), the console messages and uncaught errors of the extension's
+// pages and content scripts among them.
 //
 // The session owns the main loop's turns (`tick`); the command line and the
 // automation protocol act on it between turns.
@@ -22,6 +23,7 @@
 
 #include "app/bundle_check.h"
 #include "app/run_options.h"
+#include "app/shared_reply.h"
 #include "host/any_value.h"
 #include "host/result.h"
 #include "platform/popover.h"
@@ -59,8 +61,9 @@ class HostSession {
   // changes, readiness. Cheap; call it every few milliseconds.
   void tick();
 
-  // The background page has loaded and answers over its bridge.
-  bool ready() const { return ready_; }
+  // The background page has loaded and answers over its bridge, and the
+  // pages of --open have loaded (or failed to): the "ready" event is out.
+  bool ready() const { return announced_; }
 
   // Host handles.
   std::shared_ptr<webkit::WebKitWindow> window(const std::string& handle) const;
@@ -77,6 +80,18 @@ class HostSession {
   // if it never was), or `expired` if it has not within a while. Until then
   // the view holds an empty document, where scripts would run to no avail.
   void whenPopupLoaded(std::move_only_function<void()> then, std::move_only_function<void()> expired);
+
+  // Calls `done` once, when the tab's next page load ends: {"tab", "url",
+  // "title"} when it loaded, a failure naming the tab and the reason when it
+  // did not, closed first or took longer than the load patience.
+  void whenLoaded(const std::string& tab, std::function<void(Result)> done);
+  // Fails `reply` if the tab closes ("tab t1 closed") or its page goes
+  // away (the tab commits another load) before it is answered.
+  void watchTab(const std::string& tab, SharedReply reply);
+  // Runs `then` on a later turn, once `delay` has passed, unless `moot`
+  // holds by then.
+  void after(std::chrono::milliseconds delay, std::move_only_function<void()> then,
+             std::function<bool()> moot = [] { return false; });
 
   // {"image", "badgeText", "label", "enabled"} of a window's toolbar item.
   Dictionary toolbarState(const std::shared_ptr<webkit::WebKitWindow>& window) const;
@@ -98,10 +113,22 @@ class HostSession {
   // "level", "text"}.
   void reportConsole(const WebView& view, const webkit::ConsoleMessage& message);
   void reportConsole(const std::shared_ptr<webkit::WebKitTab>& tab, const webkit::ConsoleMessage& message);
+  // An uncaught error of the extension's code: {"in": "background" |
+  // "popup" | "content", "tab"?, "message", "source", "line", "column"}.
+  void reportError(const std::string& in, const std::optional<std::string>& tab,
+                   const webkit::ConsoleMessage& message);
+
+  // A tab's load ended: the "tabLoaded" or "loadFailed" event, and the
+  // load's waiters.
+  void reportLoad(const std::shared_ptr<webkit::WebKitTab>& tab, const std::string& url,
+                  const std::optional<std::string>& title, const std::optional<std::string>& error);
+  void tabGone(const std::string& handle);
+  void pageGone(const std::string& handle, const std::string& url);
 
   void reconcile();
   void checkReadiness();
-  void openPendingURLs();
+  // Opens the pages of --open; their tabs' handles.
+  std::vector<std::string> openPendingURLs();
   void runWaiting();
 
   Context& context_;
@@ -128,7 +155,8 @@ class HostSession {
   };
   void probe(const std::shared_ptr<WebView>& view, std::shared_ptr<Probe> state);
 
-  bool ready_ = false;
+  bool ready_ = false;      // the background page answers
+  bool announced_ = false;  // and "ready" has been sent
   std::vector<std::string> pendingURLs_;  // opened once the background page is ready
   std::shared_ptr<Probe> backgroundProbe_ = std::make_shared<Probe>();
   // Work waiting for a condition (a page to load, the popover to open).
@@ -139,6 +167,10 @@ class HostSession {
     std::move_only_function<void()> expire;
   };
   std::vector<Waiting> waiting_;
+  // Per tab handle: who waits for its next load, and who wants to hear
+  // that it closed.
+  std::map<std::string, std::vector<std::function<void(Result)>>> loadWaiters_;
+  std::map<std::string, std::vector<SharedReply>> tabWatchers_;
 };
 
 }  // namespace appex

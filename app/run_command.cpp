@@ -29,6 +29,8 @@ namespace appex {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+// How long the background page has to come up.
+constexpr auto kReadyPatience = std::chrono::seconds(30);
 
 std::atomic<bool> interrupted{false};
 void onInterrupt(int) { interrupted = true; }
@@ -53,12 +55,58 @@ void readInput(std::function<void(std::optional<std::string>)> onLine) {
 
 std::string describe(const Dictionary& fields) { return boost::json::serialize(fields); }
 
+// A toolbar state's image as the bundle names it, not where this machine
+// keeps it.
+void imageInBundle(Dictionary& toolbar, const std::string& resources) {
+  if (auto image = asString(toolbar, "image"); image && image->starts_with(resources)) {
+    toolbar["image"] = image->substr(resources.size());
+  }
+}
+
+// A session event as a stderr line (without --control), or nothing where
+// the output level leaves it out: errors always; with --quiet nothing else
+// but console errors; the demo shows every event.
+std::optional<std::string> stderrLine(const std::string& event, Dictionary fields, const RunOptions& options,
+                                      const std::string& resources) {
+  const bool demo = options.example && !options.control;
+  if (event == "error") {
+    // "[error] t1 content: TypeError: x is undefined (user-script:3:7:12)"
+    std::string where = asString(fields, "in").value_or("?");
+    if (auto tab = asString(fields, "tab")) where = *tab + " " + where;
+    std::string line = "[error] " + where + ": " + asString(fields, "message").value_or("");
+    const auto source = asString(fields, "source").value_or("");
+    const auto number = [&](const char* key) {
+      return fields.contains(key) && fields.at(key).is_int64() ? fields.at(key).as_int64() : 0;
+    };
+    if (!source.empty()) {
+      line += " (" + source;
+      if (number("line") > 0) line += ":" + std::to_string(number("line")) + ":" + std::to_string(number("column"));
+      line += ")";
+    }
+    return line;
+  }
+  if (event == "console") {
+    // "[console] background warn: text", "[console] t1 log: text"
+    const auto level = asString(fields, "level").value_or("log");
+    if (options.quiet && level != "error") return std::nullopt;
+    auto source = asString(fields, "tab");
+    if (!source) source = asString(fields, "source");
+    return "[console] " + source.value_or("?") + " " + level + ": " + asString(fields, "text").value_or("");
+  }
+  if (options.quiet) return std::nullopt;
+  if (event == "toolbar") imageInBundle(fields, resources);
+  if (event == "toolbar" || event == "ready" || event == "popover" || event == "loadFailed" || demo) {
+    return "[" + event + "] " + describe(fields);
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 int runCommand(const std::vector<std::string>& args) {
   auto parsed = parseRunOptions(args);
   if (!parsed) {
-    std::cerr << "appex run: " << parsed.error();
+    std::cerr << "appex run: " << parsed.error() << (parsed.error().ends_with('\n') ? "" : "\n");
     return kExitUsage;
   }
   if (!parsed->options) {
@@ -66,13 +114,17 @@ int runCommand(const std::vector<std::string>& args) {
     return kExitOk;
   }
   RunOptions options = *parsed->options;
+  bool servesExample = false;
   if (options.example) {
     options.bundle = APPEX_EXAMPLE_BUNDLE;
     if (!options.control) {
       // The demo: the example's page, the traffic, the toolbar, the popover.
-      if (options.serve.empty()) options.serve = APPEX_EXAMPLE_SITE;
+      if (options.serve.empty()) {
+        options.serve = APPEX_EXAMPLE_SITE;
+        servesExample = true;
+      }
       if (options.open.empty()) options.open.push_back("index.html");
-      options.trace = true;
+      options.trace = !options.quiet;
       if (options.snapshots.empty()) options.snapshots.emplace_back("popover", "appex-popover.png");
     }
   }
@@ -81,7 +133,9 @@ int runCommand(const std::vector<std::string>& args) {
     std::cerr << "appex run: " << checked.error() << "\n";
     return kExitBadBundle;
   }
-  for (const auto& w : checked->warnings) err("appex run: warning: " + w);
+  if (!options.quiet) {
+    for (const auto& w : checked->warnings) err("appex run: warning: " + w);
+  }
 
   std::unique_ptr<SiteServer> site;
   if (!options.serve.empty()) {
@@ -91,11 +145,19 @@ int runCommand(const std::vector<std::string>& args) {
       return kExitFailed;
     }
     site = std::move(*served);
-    err("[serve] " + options.serve + " at " + site->baseURL());
-    for (auto& url : options.open) {
-      if (url.find("://") == std::string::npos && !url.starts_with("about:")) {
-        url = site->baseURL() + (url.starts_with("/") ? url.substr(1) : url);
-      }
+    // The example's folder by its place in the source tree, not this machine's path.
+    if (!options.quiet) err("[serve] " + (servesExample ? std::string("examples/site") : options.serve) + " at " + site->baseURL());
+  }
+  for (auto& url : options.open) {
+    auto resolved = resolveURL(site ? site->baseURL() : std::string(), url);
+    if (!resolved) {
+      std::cerr << "appex run: --open: " << resolved.error() << "\n";
+      return kExitUsage;
+    }
+    url = *resolved;
+    if (!webkit::isLoadableURL(url)) {
+      std::cerr << "appex run: --open: cannot open " << url << " (not an http, https, file or about URL)\n";
+      return kExitUsage;
     }
   }
 
@@ -117,25 +179,26 @@ int runCommand(const std::vector<std::string>& args) {
   // Where the session's events and the extension's log lines go: protocol
   // events with --control (stdout belongs to the protocol), else stderr.
   std::unique_ptr<ControlChannel> channel;
-  if (options.control) channel = std::make_unique<ControlChannel>(std::cout);
-  auto events = [&channel, demo = options.example && !options.control](const std::string& event,
-                                                                        Dictionary fields) {
-    if (channel) return channel->emit(event, std::move(fields));
-    if (event == "console") {
-      // "[console] background warn: text", "[console] t1 log: text"
-      auto source = asString(fields, "tab");
-      if (!source) source = asString(fields, "source");
-      return err("[console] " + source.value_or("?") + " " + asString(fields, "level").value_or("log") + ": " +
-                 asString(fields, "text").value_or(""));
+  if (options.control) {
+    channel = std::make_unique<ControlChannel>(
+        std::cout, [](std::function<void()> block) { MainQueue::shared().post(std::move(block)); });
+  }
+  const std::string siteURL = site ? site->baseURL() : std::string();
+  const std::string resources = options.bundle + "/Contents/Resources/";
+  auto events = [&channel, siteURL, &options, resources](const std::string& event, Dictionary fields) {
+    if (event == "ready") fields["serve"] = siteURL.empty() ? AnyValue(nullptr) : AnyValue(siteURL);
+    if (channel) {
+      channel->emit(event, std::move(fields));
+      // The requests that came before the extension was up, in order.
+      if (event == "ready") channel->open();
+      return;
     }
-    if (event == "toolbar" || event == "ready" || event == "popover" || demo) {
-      err("[" + event + "] " + describe(fields));
-    }
+    if (auto line = stderrLine(event, std::move(fields), options, resources)) err(*line);
   };
-  setLogSink([&channel](LogDestination, std::string_view line) {
+  setLogSink([&channel, verbose = options.verbose](LogDestination, std::string_view line) {
     if (channel) {
       channel->emit("log", Dictionary{{"line", std::string(line)}});
-    } else {
+    } else if (verbose) {
       err("[log] " + std::string(line));
     }
   });
@@ -160,22 +223,21 @@ int runCommand(const std::vector<std::string>& args) {
   }
   if (options.trace) SafariMessagingAPI::shared()->setTrace([](const std::string& line) { err("[trace] " + line); });
 
-  bool quit = false;
+  std::atomic<bool> quit = false;
   int exitCode = kExitOk;
   std::signal(SIGINT, onInterrupt);
   std::signal(SIGTERM, onInterrupt);
   if (channel) {
-    addControlCommands(*channel, s, [&quit] { quit = true; });
+    addControlCommands(*channel, s, siteURL, [&quit] { quit = true; });
     readInput([&](std::optional<std::string> line) {
-      if (!line) {
-        quit = true;
-      } else {
-        channel->handleLine(*line);
-      }
+      if (line) return channel->handleLine(*line);
+      // With --timeout the run goes on until then.
+      if (!options.timeoutSeconds) channel->endOfInput([&quit] { quit = true; });
     });
   } else if (!options.example) {
     readInput([&](std::optional<std::string> line) {
-      if (!line || *line == "quit") quit = true;
+      // With --timeout the run goes on until then.
+      if ((!line && !options.timeoutSeconds) || (line && *line == "quit")) quit = true;
     });
   }
 
@@ -189,10 +251,18 @@ int runCommand(const std::vector<std::string>& args) {
                             : Clock::time_point::max();
   const bool demo = options.example && !options.control;
 
+  std::string stopReason;  // why the run stopped before its end, for the requests still open
   while (!quit && !interrupted) {
     (*engine)->runUntil([&] { return quit || interrupted.load(); }, std::chrono::milliseconds(20));
     s.tick();
-    if (Clock::now() >= deadline) break;
+    if (Clock::now() >= deadline) {
+      stopReason = "the run stopped at --timeout";
+      break;
+    }
+    if (!s.ready() && Clock::now() - startedAt > kReadyPatience) {
+      stopReason = "the extension never became ready";
+      break;
+    }
     // The demo waits for the page's count to reach the toolbar first.
     if (s.ready() && demo && !countShown) {
       auto w = s.browser().activeWindow();
@@ -206,7 +276,7 @@ int runCommand(const std::vector<std::string>& args) {
         s.snapshot(what, file, [&, what = what](Result r) {
           --snapshotsLeft;
           if (r) {
-            err("[snapshot] " + what + ": " + describe(r.value()->as_object()));
+            if (!options.quiet) err("[snapshot] " + what + ": " + describe(r.value()->as_object()));
           } else {
             err("[snapshot] " + what + ": " + r.error().text);
             exitCode = kExitFailed;
@@ -215,11 +285,21 @@ int runCommand(const std::vector<std::string>& args) {
       }
     }
     if (demo && snapshotsStarted && snapshotsLeft == 0) {
-      if (auto w = s.browser().activeWindow()) err("[toolbar] final: " + describe(s.toolbarState(w)));
+      auto w = s.browser().activeWindow();
+      if (w && !options.quiet) {
+        auto state = s.toolbarState(w);
+        imageInBundle(state, resources);
+        err("[toolbar] final: " + describe(state));
+      }
       break;
     }
   }
-  if (demo && !(snapshotsStarted && snapshotsLeft == 0)) {
+  if (interrupted) stopReason = "the run was interrupted";
+  if (channel) channel->failOpen(stopReason.empty() ? "not run, the host is quitting" : stopReason);
+  if (!s.ready() && !quit) {
+    err("appex run: the background page never became ready (it did not load, or its bridge never answered)");
+    exitCode = kExitFailed;
+  } else if (demo && !(snapshotsStarted && snapshotsLeft == 0)) {
     err("appex run: the example did not finish (is the background page loading?)");
     exitCode = kExitFailed;
   }

@@ -2,6 +2,7 @@
 
 #include <boost/program_options.hpp>
 
+#include <filesystem>
 #include <sstream>
 
 namespace appex {
@@ -26,6 +27,8 @@ std::expected<ParsedRun, std::string> parseRunOptions(const std::vector<std::str
       ("watch", po::bool_switch(), "reload the extension's pages and the tabs when files in the bundle change")
       ("headed", po::bool_switch(), "show the windows on the display in DISPLAY (fails without one); "
                                     "without it, appex uses DISPLAY when set, else starts its own Xvfb")
+      ("verbose", po::bool_switch(), "also print the extension's diagnostic lines ([log]) on stderr")
+      ("quiet", po::bool_switch(), "print only errors on stderr")
       ("help,h", "show this help");
   po::options_description hidden;
   hidden.add_options()("bundle", po::value<std::string>());
@@ -48,8 +51,9 @@ std::expected<ParsedRun, std::string> parseRunOptions(const std::vector<std::str
     std::ostringstream text;
     text << visible
          << "\nRuns the extension on WebKit: the browser validates the toolbar item at start,\n"
-            "which brings up the background page. Stops when stdin closes, on 'quit', Ctrl-C\n"
-            "or --timeout. Without BUNDLE, runs the bundled example as a demo: opens its page,\n"
+            "which brings up the background page. Stops on 'quit', Ctrl-C, at --timeout, or\n"
+            "when stdin closes if no --timeout is given. Without BUNDLE, runs the bundled\n"
+            "example as a demo: opens its page,\n"
             "shows the traffic, the toolbar state, writes appex-popover.png and exits.\n"
             "\nexit codes: 0 ok, 1 run failed, 2 bad command line, 3 bad bundle, 4 no display\n";
     parsed.help = text.str();
@@ -69,17 +73,30 @@ std::expected<ParsedRun, std::string> parseRunOptions(const std::vector<std::str
   o.privateWindow = vm["private"].as<bool>();
   o.watch = vm["watch"].as<bool>();
   o.headed = vm["headed"].as<bool>();
+  o.verbose = vm["verbose"].as<bool>();
+  o.quiet = vm["quiet"].as<bool>();
+  if (o.verbose && o.quiet) return std::unexpected("--verbose and --quiet exclude each other\n");
+  if (!o.serve.empty() && !std::filesystem::is_directory(o.serve)) {
+    return std::unexpected("--serve: no folder to serve: " + o.serve + "\n");
+  }
   if (vm.count("timeout")) {
     o.timeoutSeconds = vm["timeout"].as<double>();
-    if (*o.timeoutSeconds <= 0) return std::unexpected("--timeout must be a positive number of seconds");
+    if (!(*o.timeoutSeconds > 0)) return std::unexpected("--timeout must be a positive number of seconds\n");
   }
   if (vm.count("snapshot")) {
     for (const auto& spec : vm["snapshot"].as<std::vector<std::string>>()) {
       const auto eq = spec.find('=');
       if (eq == std::string::npos || eq == 0 || eq + 1 == spec.size()) {
-        return std::unexpected("--snapshot takes WHAT=FILE (WHAT: popover, background, toolbar or a tab handle)");
+        return std::unexpected("--snapshot takes WHAT=FILE (WHAT: popover, background, toolbar or a tab handle)\n");
       }
-      o.snapshots.emplace_back(spec.substr(0, eq), spec.substr(eq + 1));
+      const std::string what = spec.substr(0, eq);
+      const bool tab = what.size() > 1 && what[0] == 't' &&
+                       what.find_first_not_of("0123456789", 1) == std::string::npos;
+      if (what != "popover" && what != "background" && what != "toolbar" && !tab) {
+        return std::unexpected("--snapshot: WHAT is popover, background, toolbar or a tab handle (t1), not " + what +
+                               "\n");
+      }
+      o.snapshots.emplace_back(what, spec.substr(eq + 1));
     }
   }
   parsed.options = std::move(o);

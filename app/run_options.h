@@ -22,6 +22,8 @@ struct RunOptions {
   bool privateWindow = false;        // the first window is private
   bool watch = false;                // reload the extension when its bundle's files change
   bool headed = false;               // windows on the display in DISPLAY, never a private Xvfb
+  bool verbose = false;              // the extension's diagnostic lines ([log]) on stderr too
+  bool quiet = false;                // on stderr, errors only
 };
 
 // The options, or (when `help` is set instead) nothing and the help text

@@ -2,6 +2,9 @@
 
 #include <httplib.h>
 
+#include <boost/url/parse.hpp>
+#include <boost/url/url.hpp>
+
 namespace appex {
 
 std::expected<std::unique_ptr<SiteServer>, std::string> SiteServer::start(const std::filesystem::path& folder) {
@@ -26,6 +29,19 @@ std::expected<std::unique_ptr<SiteServer>, std::string> SiteServer::start(const 
 SiteServer::~SiteServer() {
   if (server_) server_->stop();
   if (thread_.joinable()) thread_.join();
+}
+
+std::expected<std::string, std::string> resolveURL(const std::string& base, const std::string& url) {
+  auto reference = boost::urls::parse_uri_reference(url);
+  if (!reference) return std::unexpected("not a URL: " + url);
+  if (reference->has_scheme()) return url;
+  if (base.empty()) return std::unexpected("a relative URL (" + url + ") needs --serve");
+  auto baseURL = boost::urls::parse_uri(base);
+  boost::urls::url resolved;
+  if (!baseURL || !boost::urls::resolve(*baseURL, *reference, resolved)) {
+    return std::unexpected("cannot resolve " + url + " against " + base);
+  }
+  return std::string(resolved.buffer());
 }
 
 }  // namespace appex

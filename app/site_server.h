@@ -33,4 +33,10 @@ class SiteServer {
   std::string baseURL_;
 };
 
+// `url` as a tab would load it: an absolute URL (one with a scheme) as it
+// is, a relative one ("index.html", "/a?b") resolved against `base`, the
+// served site's URL. Fails, saying why, for a relative URL without a base
+// or text that is no URL.
+std::expected<std::string, std::string> resolveURL(const std::string& base, const std::string& url);
+
 }  // namespace appex

@@ -220,12 +220,24 @@
   // part of the extension named by `context`: "background", "popup",
   // "content", or "page" for any other page hosted with a bridge.
   function createAppex(transport, context) {
+    // Every request travels as the transport's "messaging" ask; a time-out
+    // names what the caller sent and to whom instead.
     function send(request, options) {
+      var asked;
       try {
-        return Promise.resolve(transport.ask('messaging', request, timeoutOf(options)));
+        asked = Promise.resolve(transport.ask('messaging', request, timeoutOf(options)));
       } catch (e) {
         return Promise.reject(e);
       }
+      return asked.catch(function (e) {
+        var text = e instanceof Error ? e.message : String(e);
+        var late = /no answer to "messaging" within (\d+) ms|onAsk timeout (\d+) for cmd "messaging"/.exec(text);
+        if (!late) throw e;
+        var to = request.target === 'api' ? 'the extension'
+          : isTabAddress(request.target) ? 'tab ' + request.target : 'the ' + request.target;
+        throw new Error(PREFIX + 'no answer to "' + request.action.cmd + '" from ' + to + ' within ' +
+                        (late[1] || late[2]) + ' ms');
+      });
     }
 
     function call(cmd, args, options) {

@@ -66,6 +66,8 @@ struct WebKitBrowser::Impl {
   std::vector<WebKitUserStyleSheet*> styleSheets;
   std::shared_ptr<ExtensionCallbacks> callbacks;
   ConsoleObserver consoleObserver;
+  LoadObserver loadObserver;
+  std::vector<ConsoleMessage> contentScriptErrors;
   std::vector<std::shared_ptr<WebKitWindow>> windows;
   // Tabs a page opened whose engine has not yet said where to show them.
   struct OpeningTab {
@@ -179,6 +181,14 @@ struct WebKitTab::Impl {
   std::optional<std::string> requestedURL;
   bool closed = false;
   std::vector<gulong> signals;
+  // Why the current load failed, once the engine has said so; whether it
+  // was stopped rather than failed (not reported).
+  std::optional<std::string> loadError;
+  bool loadStopped = false;
+  // After a failure, the URL whose error page the engine loads next; while
+  // that page loads, its end is not reported.
+  std::optional<std::string> errorPageFor;
+  bool showingErrorPage = false;
 
   // A new tab of `window` (not yet in its notebook), its view loading
   // nothing yet; `view` (made by makeTabView, owned from then on by the

@@ -6,6 +6,8 @@
 #include <thread>
 
 #include "core/main_queue.h"
+#include "host/json.h"
+#include "platform/webkit/console_hook.h"
 #include "platform/webkit/gtk_web_view.h"
 #include "platform/webkit/main_queue_source.h"
 
@@ -16,6 +18,23 @@ struct Engine::State {
   MainQueueSource mainQueue{MainQueue::shared(), g_main_context_default()};
   ConsoleObserver consoleObserver;
 };
+
+ConsoleMessage consoleMessage(std::string level, std::string text) {
+  if (level != kUncaughtLevel) return ConsoleMessage{std::move(level), std::move(text)};
+  ConsoleMessage message{"error", {}, true};
+  // [message, source, line, column]
+  auto parsed = JSON::parse(text);
+  const auto* parts = parsed && parsed->is_array() ? &parsed->as_array() : nullptr;
+  if (!parts || parts->size() != 4) {
+    message.text = std::move(text);
+    return message;
+  }
+  if (auto m = asString((*parts)[0])) message.text = *m;
+  if (auto s = asString((*parts)[1])) message.source = *s;
+  if ((*parts)[2].is_number()) message.line = (*parts)[2].to_number<std::int64_t>();
+  if ((*parts)[3].is_number()) message.column = (*parts)[3].to_number<std::int64_t>();
+  return message;
+}
 
 Engine::Engine() : state_(std::make_unique<State>()) {}
 Engine::~Engine() = default;
@@ -44,7 +63,7 @@ std::shared_ptr<WebView> Engine::createWebView() {
   auto view = std::make_shared<GtkWebView>();
   // The view owns the handler, so the raw pointer never outlives it.
   view->reportConsole([state = state_.get(), source = view.get()](const std::string& level, const std::string& text) {
-    if (auto observer = state->consoleObserver) observer(*source, ConsoleMessage{level, text});
+    if (auto observer = state->consoleObserver) observer(*source, consoleMessage(level, text));
   });
   return view;
 }

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <expected>
 #include <functional>
 #include <memory>
@@ -24,11 +25,21 @@
 namespace appex::webkit {
 
 // One console message of a page: its level ("log", "info", "warn", "error",
-// "debug") and its text, which is the page's and only ever data.
+// "debug") and its text, which is the page's and only ever data. An
+// uncaught error (an exception, a syntax error, an unhandled rejection, a
+// script that did not load) has `uncaught` set, its message as the text,
+// and where it was thrown when the engine says ("" and 0 otherwise).
 struct ConsoleMessage {
   std::string level;
   std::string text;
+  bool uncaught = false;
+  std::string source;
+  std::int64_t line = 0;
+  std::int64_t column = 0;
 };
+
+// The console hook's report (level, text) as a message (console_hook.h).
+ConsoleMessage consoleMessage(std::string level, std::string text);
 
 class Engine {
  public:

@@ -175,7 +175,7 @@ void GtkWebView::reportConsole(ConsoleHandler handler) {
                              "  if (!handler) return;\n"
                              "  var post = handler.postMessage.bind(handler);\n"
                              "  (" + kConsoleHook +
-                             ")(function (level, text) { post([level, text]); }, true);\n"
+                             ")(function (level, text) { post([level, text]); }, 'all');\n"
                              "})();\n";
   WebKitUserScript* script =
       webkit_user_script_new(source.c_str(), WEBKIT_USER_CONTENT_INJECT_ALL_FRAMES,

@@ -9,7 +9,22 @@ namespace {
 
 // The code arrives as the argument `code` and is evaluated as an
 // expression; the async wrapper lets the engine await a returned promise.
-constexpr const char* kBody = "return await (0, eval)(code);";
+// The value comes back as JSON text, made in the page: values JSON would
+// silently turn into {} or drop (DOM nodes, windows, BigInts) are refused
+// with an error that says what they were.
+constexpr const char* kBody = R"JS(
+const value = await (0, eval)(code);
+const refuse = (what, key) => {
+  throw new TypeError('the result holds ' + what + (key === '' ? '' : ' at "' + key + '"') +
+                      ', which has no JSON form');
+};
+return JSON.stringify(value, function (key, v) {
+  if (typeof v === 'bigint') refuse('a BigInt', key);
+  if (typeof Node === 'function' && v instanceof Node) refuse('a DOM node (' + v.nodeName + ')', key);
+  if (typeof Window === 'function' && v instanceof Window) refuse('a window', key);
+  return v;
+});
+)JS";
 
 void evaluated(GObject* source, GAsyncResult* result, gpointer data) {
   std::unique_ptr<EvaluationCompletion> completion(static_cast<EvaluationCompletion*>(data));
@@ -22,12 +37,11 @@ void evaluated(GObject* source, GAsyncResult* result, gpointer data) {
     (*completion)(std::unexpected(std::move(reason)));
     return;
   }
-  AnyValue out = nullptr;
-  if (!jsc_value_is_undefined(value)) {
-    if (char* json = jsc_value_to_json(value, 0)) {
-      if (auto parsed = JSON::parse(json, /*allowFragments=*/true)) out = std::move(*parsed);
-      g_free(json);
-    }
+  AnyValue out = nullptr;  // undefined, a function: no JSON form, null
+  if (jsc_value_is_string(value)) {
+    char* json = jsc_value_to_string(value);
+    if (auto parsed = JSON::parse(json, /*allowFragments=*/true)) out = std::move(*parsed);
+    g_free(json);
   }
   g_object_unref(value);
   (*completion)(std::move(out));

@@ -1,8 +1,9 @@
 // Script evaluation with a result, for hosts that drive pages from outside
 // (the automation protocol's "eval"): runs `code` as an expression in a page
 // and hands back its value as JSON. A returned promise is awaited; a thrown
-// error (or a rejection) becomes the failure with its message. Values JSON
-// cannot express (undefined, functions) come back as null.
+// error (or a rejection) becomes the failure with its message. undefined
+// and functions come back as null; a value holding a DOM node, a window or
+// a BigInt, or a cyclic one, is a failure that says so.
 //
 // Main thread only; completions run on the main thread.
 #pragma once

@@ -69,11 +69,44 @@ gboolean onConsoleMessage(WebKitWebView* view, WebKitUserMessage* message, gpoin
     for (const auto& tab : window->internals().tabs) {
       if (tab->isClosed() || tab->internals().view != view) continue;
       auto observer = impl.consoleObserver;  // it may replace itself
-      observer(tab, ConsoleMessage{level, text});
+      observer(tab, consoleMessage(level, text));
       return TRUE;
     }
   }
   return TRUE;
+}
+
+// The syntax errors of the content scripts, found before any page runs
+// them: the engine withholds the details of a user script's errors from the
+// pages it runs in.
+std::vector<ConsoleMessage> syntaxErrors(const std::vector<ContentRules::File>& scripts,
+                                         const std::string& resources) {
+  std::vector<ConsoleMessage> errors;
+  // One context for the process, never destroyed: tearing down a JSC
+  // virtual machine is slow, and trips the sanitizers' type checks inside
+  // the engine's library.
+  static JSCContext* const context = jsc_context_new();
+  for (const auto& script : scripts) {
+    const std::string name =
+        script.path.starts_with(resources) ? script.path.substr(resources.size()) : script.path;
+    JSCException* exception = nullptr;
+    if (jsc_context_check_syntax(context, script.text.c_str(), static_cast<gssize>(script.text.size()),
+                                 JSC_CHECK_SYNTAX_MODE_SCRIPT, name.c_str(), 1,
+                                 &exception) == JSC_CHECK_SYNTAX_RESULT_SUCCESS ||
+        !exception) {
+      if (exception) g_object_unref(exception);
+      continue;
+    }
+    ConsoleMessage error{"error", {}, true, name};
+    const char* type = jsc_exception_get_name(exception);
+    const char* message = jsc_exception_get_message(exception);
+    error.text = std::string(type ? type : "SyntaxError") + ": " + (message ? message : "");
+    error.line = jsc_exception_get_line_number(exception);
+    error.column = jsc_exception_get_column_number(exception);
+    errors.push_back(std::move(error));
+    g_object_unref(exception);
+  }
+  return errors;
 }
 
 }  // namespace
@@ -121,6 +154,7 @@ std::expected<std::shared_ptr<WebKitBrowser>, std::string> WebKitBrowser::create
 
   impl->installRules(readContentRules(*bundle));
   for (const auto& problem : impl->rules.problems) logLine("Info.plist: " + problem);
+  impl->contentScriptErrors = syntaxErrors(impl->rules.scripts, bundle->path() + "/Contents/Resources/");
 
   auto browser = std::make_shared<WebKitBrowser>(std::move(impl));
   browser->impl_->self = browser;
@@ -190,6 +224,10 @@ void WebKitBrowser::setToolbarItemsNeedUpdate() {
 void WebKitBrowser::setConsoleObserver(ConsoleObserver observer) {
   impl_->consoleObserver = std::move(observer);
 }
+
+void WebKitBrowser::setLoadObserver(LoadObserver observer) { impl_->loadObserver = std::move(observer); }
+
+const std::vector<ConsoleMessage>& WebKitBrowser::contentScriptErrors() const { return impl_->contentScriptErrors; }
 
 void WebKitBrowser::getBaseURI(BaseURICompletion completion) { completion(impl_->baseURI); }
 
@@ -267,6 +305,7 @@ void WebKitBrowser::shutdown() {
   impl.shutDown = true;
   impl.callbacks.reset();
   impl.consoleObserver = nullptr;
+  impl.loadObserver = nullptr;
   impl.context.get<Popover>()->setObserver(nullptr);
   impl.hidePopover();
   if (impl.popover.window) {

@@ -40,6 +40,7 @@
 
 #include <expected>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -139,6 +140,27 @@ class WebKitBrowser final : public SFSafariApplication,
   // declarations stay those read at start), puts them in every tab and
   // reloads the tabs, so that edited files take effect.
   void reloadContent();
+
+  // The syntax errors of the bundle's content scripts, as uncaught errors
+  // whose source is the script's path in the bundle's resources.
+  const std::vector<ConsoleMessage>& contentScriptErrors() const;
+
+  // How a tab's page load ended: the URL it ended at, the page's title and,
+  // when it failed (no connection, no such host, an HTTP error status for
+  // the document itself), why. A load stopped by another one starting, or
+  // by the tab closing, ends in neither way and is not reported.
+  // Observers also hear of each load's commit (`committed`, no error): the
+  // tab's previous document is gone from then on.
+  struct LoadOutcome {
+    bool committed = false;
+    std::string url;
+    std::optional<std::string> title;
+    std::optional<std::string> error;
+  };
+  // Receives every tab's load outcomes (main thread); an empty observer
+  // drops them. Replaces the previous observer.
+  using LoadObserver = std::function<void(const std::shared_ptr<WebKitTab>& tab, const LoadOutcome& outcome)>;
+  void setLoadObserver(LoadObserver observer);
 
   // Stops calling the callbacks and the console observer, hides the popover
   // and closes every window.

@@ -1,6 +1,7 @@
 #include "platform/webkit/webkit_tab.h"
 
 #include <cstring>
+#include <utility>
 
 #include "core/log.h"
 #include "host/json.h"
@@ -18,19 +19,77 @@ std::shared_ptr<ExtensionCallbacks> callbacksOf(const Impl& impl) {
   return browser->internals().callbacks;
 }
 
+// The document's own HTTP status, when it is an error: "HTTP 404".
+std::optional<std::string> httpError(WebKitWebView* view) {
+  WebKitWebResource* resource = webkit_web_view_get_main_resource(view);
+  WebKitURIResponse* response = resource ? webkit_web_resource_get_response(resource) : nullptr;
+  const guint status = response ? webkit_uri_response_get_status_code(response) : 0;
+  if (status < 400) return std::nullopt;
+  return "HTTP " + std::to_string(status);
+}
+
+// A finished load, to the browser's load observer.
+void reportLoad(WebKitWebView* view, Impl& impl, const std::shared_ptr<WebKitTab>& tab) {
+  const bool stopped = std::exchange(impl.loadStopped, false);
+  auto error = std::exchange(impl.loadError, std::nullopt);
+  if (std::exchange(impl.showingErrorPage, false)) return;  // the engine's page about the last failure
+  // A load asked for since has not committed yet: this is an earlier one's
+  // end, overtaken.
+  if (!error && impl.requestedURL) return;
+  auto browser = impl.browser.lock();
+  if (stopped || !browser || browser->internals().shutDown || !browser->internals().loadObserver) return;
+  if (!error) error = httpError(view);
+  auto properties = impl.properties();
+  WebKitBrowser::LoadOutcome outcome;
+  outcome.url = error && impl.requestedURL ? *impl.requestedURL
+                                           : properties && properties->url ? *properties->url : std::string();
+  outcome.title = properties ? properties->title : std::nullopt;
+  outcome.error = std::move(error);
+  auto observer = browser->internals().loadObserver;  // it may replace itself
+  observer(tab, outcome);
+}
+
+// The engine's reason a load failed. A stop (another load replaced this
+// one, or the tab went) is no failure of the page.
+gboolean onLoadFailed(WebKitWebView*, WebKitLoadEvent, gchar* uri, GError* error, gpointer data) {
+  auto* impl = static_cast<Impl*>(data);
+  if (g_error_matches(error, WEBKIT_NETWORK_ERROR, WEBKIT_NETWORK_ERROR_CANCELLED) ||
+      g_error_matches(error, WEBKIT_POLICY_ERROR, WEBKIT_POLICY_ERROR_FRAME_LOAD_INTERRUPTED_BY_POLICY_CHANGE)) {
+    impl->loadStopped = true;
+  } else {
+    impl->loadError = error && error->message ? error->message : "the load failed";
+    if (uri && *uri) impl->requestedURL = uri;
+    // The engine loads its error page at the failed URL next.
+    impl->errorPageFor = uri ? std::string(uri) : std::string();
+  }
+  return FALSE;  // the engine shows its error page
+}
+
 void onLoadChanged(WebKitWebView* view, WebKitLoadEvent event, gpointer data) {
   auto* impl = static_cast<Impl*>(data);
   auto tab = impl->self.lock();
   if (!tab || impl->closed) return;
-  if (event == WEBKIT_LOAD_STARTED) {
+  if (event == WEBKIT_LOAD_FINISHED) {
+    reportLoad(view, *impl, tab);
+  } else if (event == WEBKIT_LOAD_STARTED) {
+    impl->loadStopped = false;
+    impl->loadError.reset();
+    const char* started = webkit_web_view_get_uri(view);
+    impl->showingErrorPage = impl->errorPageFor && started && *impl->errorPageFor == started;
+    impl->errorPageFor.reset();
     if (auto callbacks = callbacksOf(*impl)) {
       const char* uri = webkit_web_view_get_uri(view);
       callbacks->pageWillNavigate(impl->page, uri && *uri ? std::optional<std::string>(uri) : std::nullopt);
     }
   } else if (event == WEBKIT_LOAD_COMMITTED) {
     impl->requestedURL.reset();
-    auto window = impl->window.lock();
     auto browser = impl->browser.lock();
+    if (browser && !browser->internals().shutDown && browser->internals().loadObserver && !impl->showingErrorPage) {
+      const char* uri = webkit_web_view_get_uri(view);
+      auto observer = browser->internals().loadObserver;
+      observer(tab, WebKitBrowser::LoadOutcome{true, uri ? uri : "", std::nullopt, std::nullopt});
+    }
+    auto window = impl->window.lock();
     if (window && browser) {
       if (window->activeTab() == tab) window->internals().refreshLocation();
       browser->internals().requestValidation(window);
@@ -224,6 +283,7 @@ std::shared_ptr<WebKitTab> Impl::make(const std::shared_ptr<WebKitWindow>& windo
   gtk_label_set_width_chars(GTK_LABEL(impl.label), 16);
   impl.signals = {
       g_signal_connect(impl.view, "load-changed", G_CALLBACK(&onLoadChanged), &impl),
+      g_signal_connect(impl.view, "load-failed", G_CALLBACK(&onLoadFailed), &impl),
       g_signal_connect(impl.view, "notify::title", G_CALLBACK(&onTitleChanged), &impl),
       g_signal_connect(impl.view, "user-message-received", G_CALLBACK(&onUserMessage), &impl),
       g_signal_connect(impl.view, "close", G_CALLBACK(&onCloseRequested), &impl),

@@ -14,10 +14,11 @@
 import assert from 'node:assert/strict';
 import { cpSync, existsSync, mkdirSync, mkdtempSync, readFileSync, rmSync, unlinkSync, writeFileSync } from 'node:fs';
 import { tmpdir } from 'node:os';
+import { createServer } from 'node:net';
 import { join } from 'node:path';
 import { after, before, describe, it } from 'node:test';
 
-import { Host, appexBin, exampleBundle, exampleSite, runAppex } from './appex_host.mjs';
+import { Host, appexBin, eventsSeen, exampleBundle, exampleSite, runAppex } from './appex_host.mjs';
 
 assert.ok(appexBin && exampleBundle && exampleSite, 'APPEX_BIN, APPEX_EXAMPLE and APPEX_SITE must be set');
 
@@ -48,7 +49,7 @@ describe('command line', () => {
     const run = runAppex(['run', '--help']);
     assert.equal(run.code, 0);
     for (const option of ['--open', '--serve', '--data-dir', '--control', '--trace', '--snapshot', '--timeout',
-      '--private']) {
+      '--private', '--verbose', '--quiet']) {
       assert.ok(run.stdout.includes(option), `run --help lacks ${option}`);
     }
     assert.match(run.stdout, /exit codes: 0 ok/);
@@ -59,10 +60,14 @@ describe('command line', () => {
     assert.match(check.stdout, /exit codes: 0 ok, 2 bad command line, 3 bad bundle/);
   });
 
-  it('exits 1 when the run cannot start, 4 without a display to be had', () => {
-    const noSite = runAppex(['run', exampleBundle, '--serve', join(scratch, 'no-such-site')], { input: '' });
-    assert.equal(noSite.code, 1, noSite.stderr);
-    assert.match(noSite.stderr, /no folder to serve: .*no-such-site/);
+  it('exits 1 when the extension never comes up, 4 without a display to be had', () => {
+    // A background script that never returns: the page never answers.
+    const hung = join(scratch, 'hung', 'Hung.appex');
+    cpSync(exampleBundle, hung, { recursive: true });
+    writeFileSync(join(hung, 'Contents/Resources/Assets/extension/background.js'), 'while (true) {}\n');
+    const never = runAppex(['run', hung, '--data-dir', join(scratch, 'data-hung'), '--timeout', '2'], { input: '' });
+    assert.equal(never.code, 1, never.stderr);
+    assert.match(never.stderr, /^appex run: the background page never became ready \(.*\)\n/m);
 
     const env = { ...process.env, PATH: join(scratch, 'empty-path') };
     delete env.DISPLAY;
@@ -73,10 +78,13 @@ describe('command line', () => {
 
   it('rejects a bad command line with exit code 2', () => {
     for (const args of [[], ['teleport'], ['run', '--no-such-option'], ['run', '--timeout', '-1'],
-      ['run', '--timeout', 'soon'], ['run', '--snapshot', 'popover'], ['check'], ['check', '--verbose']]) {
-      const result = runAppex(args);
+      ['run', '--timeout', 'soon'], ['run', '--snapshot', 'popover'], ['run', '--snapshot', 'everything=x.png'],
+      ['run', '--serve', join(scratch, 'no-such-site')], ['run', exampleBundle, '--open', 'index.html'],
+      ['run', exampleBundle, '--open', 'ftp://example.com/'], ['run', '--verbose', '--quiet'], ['check'], ['check', '--verbose']]) {
+      const result = runAppex(args, { input: '' });
       assert.equal(result.code, 2, `appex ${args.join(' ')}: exit ${result.code}\n${result.stderr}`);
       assert.notEqual(result.stderr.trim(), '', `appex ${args.join(' ')} says nothing`);
+      assert.ok(result.stderr.endsWith('\n'), `appex ${args.join(' ')}: no newline at the end of ${JSON.stringify(result.stderr)}`);
     }
   });
 
@@ -123,6 +131,68 @@ describe('command line', () => {
     }
   });
 });
+
+describe('requests sent before ready, quit and the end of input', () => {
+  // Each case writes its lines at once, before the extension is up, and
+  // expects one reply per request, then a clean exit.
+  const cases = {
+    'quit waits for the requests before it and refuses those after': {
+      args: [],
+      lines: [
+        { cmd: 'eval', in: 'background', code: 'appex.tabs.query({}).then((tabs) => tabs.length)' },
+        { cmd: 'eval', code: 'new Promise((r) => setTimeout(r, 60000))', timeout: 300 },
+        { cmd: 'quit' },
+        { cmd: 'listTabs' },
+      ],
+      replies: [{ ok: true, result: 1 }, { ok: false, error: /^eval in the background page timed out after 300 ms$/ },
+        { ok: true, result: true }, { ok: false, error: /^listTabs: not run, the host is quitting$/ }],
+    },
+    'the end of input answers everything; --open pages have loaded; relative URLs open from the served site': {
+      args: ['--serve', exampleSite, '--open', 'index.html'],
+      lines: [
+        { cmd: 'eval', in: 'tab', tab: 't1', code: 'typeof appex' },
+        { cmd: 'openTab', url: 'index.html' },
+        { cmd: 'eval', in: 'tab', tab: 't2', code: 'typeof appex' },
+      ],
+      close: true,
+      replies: [{ ok: true, result: 'object' }, { ok: true, result: { tab: 't2', window: 'w1', url: /^http:\/\/127\.0\.0\.1:\d+\/index\.html$/, title: 'A page to count' } },
+        { ok: true, result: 'object' }],
+    },
+  };
+  for (const [name, { args, lines, close, replies }] of Object.entries(cases)) {
+    it(name, async () => {
+      const host = new Host(['run', exampleBundle, '--control', '--data-dir', join(scratch, 'data-early'), ...args]);
+      try {
+        host.child.stdin.write(lines.map((line, i) => JSON.stringify({ id: i + 1, ...line }) + '\n').join(''));
+        if (close) host.closeInput();
+        await assertCleanExit(host);
+        // Requests run one at a time: the replies come in request order.
+        const got = host.lines.filter((l) => 'id' in l);
+        assert.deepEqual(got.map((l) => l.id), replies.map((_, i) => i + 1), 'one reply per request, in order');
+        replies.forEach((want, i) => {
+          assert.equal(got[i].ok, want.ok, JSON.stringify(got[i]));
+          if (want.error) assert.match(got[i].error, want.error);
+          if ('result' in want) matchShape(got[i].result, want.result);
+        });
+        const { serve } = host.events.find((e) => e.event === 'ready');
+        if (args.includes('--serve')) assert.ok(got[1].result.url.startsWith(serve), serve); else assert.equal(serve, null);
+      } finally {
+        host.kill();
+      }
+    });
+  }
+});
+
+// What the host says its commands are (from an unknown command's error).
+let commandsKnown = [];
+
+// `actual` equals `expected`, where regular expressions in `expected` match strings.
+function matchShape(actual, expected) {
+  if (expected instanceof RegExp) return assert.match(actual, expected);
+  if (expected === null || typeof expected !== 'object') return assert.equal(actual, expected);
+  assert.deepEqual(Object.keys(actual).sort(), Object.keys(expected).sort(), JSON.stringify(actual));
+  for (const key of Object.keys(expected)) matchShape(actual[key], expected[key]);
+}
 
 describe('appex run --control', () => {
   let host;
@@ -192,14 +262,6 @@ describe('appex run --control', () => {
     assert.equal((await host.waitFor('console', { level: 'error' }, { since })).text, '%n%s%x %p');
     assert.equal((await host.waitFor('console', { level: 'debug' }, { since })).text, '');
     assert.equal((await host.waitFor('console', { level: 'info' }, { since })).text, 'undefined null 3');
-
-    // Uncaught errors and rejections of the extension's pages are errors.
-    since = host.mark();
-    await host.call('eval', { code: "setTimeout(() => { throw new TypeError('late failure'); }); Promise.reject(new Error('nobody waits')); 0" });
-    await host.waitEvent((e) => e.event === 'console' && e.level === 'error' && e.text.includes('TypeError: late failure'),
-      { since, what: 'the uncaught error' });
-    await host.waitEvent((e) => e.event === 'console' && e.level === 'error' && e.text.includes('nobody waits'),
-      { since, what: 'the unhandled rejection' });
   });
 
   it('reports the extension\'s log lines', async () => {
@@ -222,20 +284,38 @@ describe('appex run --control', () => {
     assert.equal(await host.call('eval', { in: 'tab', tab: 't1', world: 'page', code: 'typeof appex' }), 'undefined');
     assert.equal(await host.call('eval', { in: 'tab', tab: 't1', world: 'page', code: 'document.title' }), 'A page to count');
 
-    assert.match(await host.failure('eval', { code: "throw new Error('deliberate')" }), /deliberate/);
-    assert.match(await host.failure('eval', { code: "Promise.reject(new Error('refused'))" }), /refused/);
-    assert.match(await host.failure('eval', { code: '(' }), /error/i);
-    assert.match(await host.failure('eval', { in: 'nowhere', code: '1' }), /"in" is "background", "popup" or "tab"/);
-    assert.match(await host.failure('eval', { in: 'tab', code: '1' }), /"tab" is required/);
-    assert.match(await host.failure('eval', { in: 'tab', tab: 't99', code: '1' }), /no tab t99/);
-    assert.match(await host.failure('eval', { in: 'tab', tab: 't1', world: 'other', code: '1' }), /"world" is "content" or "page"/);
-    assert.match(await host.failure('eval', {}), /"code" is required/);
+    for (const [request, error] of [
+      [{ code: "throw new Error('deliberate')" }, /deliberate/],
+      [{ code: "Promise.reject(new Error('refused'))" }, /refused/],
+      [{ code: '(' }, /error/i],
+      [{ in: 'nowhere', code: '1' }, /"in" is "background", "popup" or "tab"/],
+      [{ in: 'tab', code: '1' }, /"tab" is required/],
+      [{ in: 'tab', tab: 't99', code: '1' }, /no tab t99/],
+      [{ in: 'tab', tab: 't1', world: 'other', code: '1' }, /"world" is "content" or "page"/],
+      [{}, /"code" is required/],
+      // Values without a JSON form are refused rather than sent as {}.
+      [{ in: 'tab', tab: 't1', code: 'document.body' }, /holds a DOM node \(BODY\), which has no JSON form/],
+      [{ in: 'tab', tab: 't1', world: 'page', code: '({ all: [window] })' }, /holds a window at "0"/],
+      [{ code: '({ n: 10n })' }, /holds a BigInt at "n"/],
+      [{ code: 'const a = {}; a.self = a; a' }, /cyclic/],
+      // A time-out names where it ran.
+      [{ in: 'tab', tab: 't1', code: 'new Promise((r) => setTimeout(r, 60000))', timeout: 200 }, /^eval in tab t1 timed out after 200 ms$/],
+      [{ code: '1', timeout: 'soon' }, /"timeout" is a positive number of milliseconds/],
+      // A message no one answers is named, with where it went (the popup is not loaded yet).
+      [{ code: "appex.runtime.sendMessage('popup', 'title', {}, { timeout: 300 })" }, /no answer to "title" from the popup within 300 ms$/],
+      [{ in: 'tab', tab: 't1', code: "appex.runtime.sendMessage('popup', 'title', {}, { timeout: 300 })" },
+        /no answer to "title" from the popup within 300 ms$/],
+    ]) {
+      assert.match(await host.failure('eval', request), error, JSON.stringify(request));
+    }
   });
 
   it('opens, activates, navigates and closes tabs', async () => {
     let since = host.mark();
-    const second = await host.call('openTab', { url: `${base}index.html?second`, active: false });
-    assert.deepEqual(second, { tab: 't2', window: 'w1' });
+    // Replies once the page has loaded: its content scripts are in place.
+    const second = await host.call('openTab', { url: 'index.html?second', active: false });
+    assert.deepEqual(second, { tab: 't2', window: 'w1', url: `${base}index.html?second`, title: 'A page to count' });
+    assert.equal(await host.call('eval', { in: 'tab', tab: 't2', code: 'typeof appex' }), 'object');
     const opened = await host.waitFor('tabOpened', { tab: 't2' }, { since });
     assert.equal(opened.window, 'w1');
     let tabs = await host.call('listTabs');
@@ -245,9 +325,9 @@ describe('appex run --control', () => {
     tabs = await host.call('listTabs');
     assert.deepEqual(tabs.map((t) => [t.tab, t.active]), [['t1', false], ['t2', true]]);
 
-    assert.equal(await host.call('navigate', { tab: 't2', url: `${base}index.html?moved` }), true);
-    await host.until(async () => (await host.call('listTabs')).find((t) => t.tab === 't2')?.url.endsWith('?moved'),
-      10_000, 't2 to show the new address');
+    assert.deepEqual(await host.call('navigate', { tab: 't2', url: '/index.html?moved' }),
+      { tab: 't2', url: `${base}index.html?moved`, title: 'A page to count' });
+    assert.equal((await host.waitFor('tabLoaded', { tab: 't2', url: `${base}index.html?moved` })).title, 'A page to count');
 
     since = host.mark();
     assert.equal(await host.call('closeTab', { tab: 't2' }), true);
@@ -268,18 +348,19 @@ describe('appex run --control', () => {
 
   it('opens and closes windows, private ones too', async () => {
     let since = host.mark();
-    const opened = await host.call('openWindow', { url: `${base}index.html?window` });
+    const opened = await host.call('openWindow', { url: `${base}index.html?window`, wait: 'none' });
     assert.deepEqual(opened, { window: 'w2', tab: 't3' });
     assert.equal((await host.waitFor('tabOpened', { tab: 't3' }, { since })).window, 'w2');
     await host.waitFor('toolbar', { window: 'w2' }, { since });
     assert.deepEqual(Object.keys(await host.call('toolbar', { window: 'w2' })).sort(), ['badgeText', 'enabled', 'image', 'label']);
 
     since = host.mark();
-    assert.deepEqual(await host.call('openTab', { url: 'about:blank', window: 'w2' }), { tab: 't4', window: 'w2' });
+    assert.deepEqual(await host.call('openTab', { url: 'about:blank', window: 'w2' }),
+      { tab: 't4', window: 'w2', url: 'about:blank', title: null });
     assert.equal((await host.waitFor('tabOpened', { tab: 't4' }, { since })).window, 'w2');
 
     const secret = await host.call('openWindow', { url: 'about:blank', private: true });
-    assert.deepEqual(secret, { window: 'w3', tab: 't5' });
+    assert.deepEqual(secret, { window: 'w3', tab: 't5', url: 'about:blank', title: null });
     // The extension sees the window as private.
     assert.equal(await host.call('eval', { code: 'appex.tabs.query({}).then((tabs) => tabs.filter((t) => t.isPrivate).length)' }), 1);
 
@@ -294,6 +375,45 @@ describe('appex run --control', () => {
     assert.match(await host.failure('closeWindow', { window: 'w2' }), /no window w2/);
     assert.match(await host.failure('closeWindow', {}), /"window" is required/);
     assert.match(await host.failure('toolbar', { window: 'w2' }), /no window w2/);
+  });
+
+  it('reports loads that fail, and waits for none when asked', async () => {
+    const closed = await new Promise((resolve) => {
+      const server = createServer().listen(0, '127.0.0.1', () => {
+        const { port } = server.address();
+        server.close(() => resolve(port));
+      });
+    });
+    for (const [url, error] of [
+      [`${base}no-such-page.html`, /^HTTP 404$/],
+      [`http://127.0.0.1:${closed}/`, /refused/i],
+      ['http://no-such-host.invalid/', /resolve|host/i],
+    ]) {
+      const since = host.mark();
+      const reason = await host.failure('openTab', { url });
+      const [, tab] = reason.match(/^tab (t\d+) did not load /) ?? [];
+      assert.ok(tab, reason);
+      const failed = await host.waitFor('loadFailed', { tab }, { since });
+      assert.equal(failed.url, url);
+      assert.match(failed.error, error);
+      assert.ok(reason.endsWith(`${url}: ${failed.error}`), reason);
+      assert.equal(host.events.slice(since).some((e) => e.event === 'tabLoaded' && e.tab === tab), false);
+      await host.call('closeTab', { tab });
+    }
+    const since = host.mark();
+    const { tab } = await host.call('openTab', { url: 'index.html?later', wait: 'none', active: false });
+    assert.equal((await host.waitFor('tabLoaded', { tab }, { since })).url, `${base}index.html?later`);
+    await host.call('closeTab', { tab });
+    // An evaluation whose page goes away is answered.
+    const last = await host.call('openTab', { url: 'index.html?closing', active: false });
+    for (const [leave, error] of [
+      ["location.replace('?gone')", new RegExp(`^the page in tab ${last.tab} went away \\(the tab loads .*\\?gone\\)$`)],
+      ['window.close()', new RegExp(`^tab ${last.tab} closed$`)],
+    ]) {
+      assert.match(await host.failure('eval', { in: 'tab', tab: last.tab, world: 'page', timeout: 20_000,
+        code: `setTimeout(() => ${leave}, 50); new Promise((r) => setTimeout(r, 60000))` }), error);
+    }
+    assert.match(await host.failure('openTab', { url: 'index.html', wait: 'soon' }), /"wait" is "load" or "none"/);
   });
 
   it('shows and dismisses the popover from the toolbar button', async () => {
@@ -370,11 +490,14 @@ describe('appex run --control', () => {
       assert.equal(reply.ok, false, line);
       assert.match(reply.error, /malformed request/, line);
     }
-    assert.deepEqual(await host.request('teleport'), { id: host.nextId - 1, ok: false, error: 'unknown command: teleport' });
+    const unknown = await host.failure('teleport');
+    const [, known] = unknown.match(/^unknown command: teleport \(commands: (.*)\)$/) ?? [];
+    assert.ok(known, unknown);
+    commandsKnown = known.split(', ');
     assert.deepEqual(await host.sendRaw('{"id": "n", "cmd": 7}', 'n'),
       { id: 'n', ok: false, error: 'malformed request: "cmd" must be a string' });
     host.child.stdin.write('\n   \n');  // blank lines are no requests
-    assert.equal((await host.call('listTabs')).length, 1);
+    assert.deepEqual((await host.call('listTabs')).map((t) => t.tab), ['t1']);
   });
 
   it('quits on request: exit 0, nothing left running', async () => {
@@ -384,6 +507,74 @@ describe('appex run --control', () => {
     await host.exited;
     assert.ok(Date.now() - asked < 2_000, `took ${Date.now() - asked} ms to exit`);  // the site lets go promptly
     await assertCleanExit(host);
+  });
+});
+
+describe('the extension\'s errors', () => {
+  // A copy of the example whose background script throws at start, whose
+  // background page names a script that is not there, whose content script
+  // throws and leaves a rejection unhandled, and with a content script that
+  // does not parse.
+  const bundle = join(scratch, 'errors', 'Failing.appex');
+  const extension = join(bundle, 'Contents/Resources/Assets/extension');
+  before(() => {
+    cpSync(exampleBundle, bundle, { recursive: true });
+    const append = (file, text) => writeFileSync(join(extension, file), readFileSync(join(extension, file), 'utf8') + text);
+    append('background.js', "\nthrow new Error('background start');\n");
+    append('safari_background.html', '<script src="missing.js"></script>\n');
+    append('content.js', "\nPromise.reject(new Error('content rejects'));\nthrow new Error('content start');\n");
+    writeFileSync(join(extension, 'broken.js'), '// fine\nvar x = (;\n');
+    const plist = join(bundle, 'Contents/Info.plist');
+    writeFileSync(plist, readFileSync(plist, 'utf8').replace('<string>Assets/extension/content.js</string></dict>',
+      '<string>Assets/extension/content.js</string></dict>\n<dict><key>Script</key><string>Assets/extension/broken.js</string></dict>'));
+  });
+
+  it('become error events: background, popup and content scripts, never the page\'s own', async () => {
+    const host = new Host(['run', bundle, '--control', '--data-dir', join(scratch, 'data-errors'), '--serve', exampleSite]);
+    try {
+      await host.waitFor('ready', {}, { timeoutMs: 30_000 });
+      const { tab } = await host.call('openTab', { url: 'index.html' });
+      await host.call('eval', { in: 'popup', code: "setTimeout(() => { throw new TypeError('popup late'); }); 0" });
+      await host.call('eval', { in: 'tab', tab, world: 'page', code: "setTimeout(() => { throw new Error('the page own'); }); Promise.reject(new Error('page rejects')); 0" });
+      const expected = [
+        { in: 'content', message: /^SyntaxError: /, source: /^Assets\/extension\/broken\.js$/, line: (n) => n === 2 },
+        { in: 'background', message: /^Error: background start$/, source: /\/background\.js$/, line: (n) => n > 0 },
+        { in: 'background', message: /^cannot load script .*\/missing\.js$/, source: /\/missing\.js$/ },
+        { in: 'popup', message: /^TypeError: popup late$/ },
+        { in: 'content', tab, message: /^Unhandled rejection: Error: content rejects$/, source: /^user-script:/, line: (n) => n > 0 },
+        // The engine withholds the details of a user script's uncaught error.
+        { in: 'content', tab, message: /^Script error\.$/ },
+      ];
+      for (const want of expected) {
+        const match = (e) => e.event === 'error' && Object.entries(want).every(([k, v]) =>
+          (v instanceof RegExp ? v.test(e[k]) : typeof v === 'function' ? v(e[k]) : e[k] === v));
+        const found = await host.waitEvent(match, { what: `error ${JSON.stringify(want, (k, v) => (v instanceof RegExp ? String(v) : v))}` });
+        assert.deepEqual(Object.keys(found).sort(), ['column', 'event', 'in', 'line', 'message', 'source', ...(want.tab ? ['tab'] : [])].sort());
+      }
+      await host.call('eval', { code: 'new Promise((r) => setTimeout(r, 300))' });
+      const errors = host.events.filter((e) => e.event === 'error');
+      assert.equal(errors.some((e) => /the page own|page rejects/.test(e.message)), false, JSON.stringify(errors));
+      host.closeInput();
+      await assertCleanExit(host);
+    } finally {
+      host.kill();
+    }
+  });
+
+  it('become [error] lines on stderr without --control; --quiet prints nothing else', async () => {
+    const host = new Host(['run', bundle, '--data-dir', join(scratch, 'data-errors'), '--serve', exampleSite,
+      '--open', 'index.html', '--timeout', '5', '--quiet']);
+    try {
+      host.closeInput();  // --timeout keeps it running
+      await assertCleanExit(host);
+      assert.match(host.stderr, /^\[error\] background: Error: background start \(.*\/background\.js:\d+:\d+\)$/m);
+      assert.match(host.stderr, /^\[error\] t1 content: Unhandled rejection: Error: content rejects \(user-script:\d+:\d+:\d+\)$/m);
+      // --quiet: errors only.
+      const others = host.stderr.split('\n').filter((l) => /^\[/.test(l) && !/^\[error\] |^\[console\] \S+ error: /.test(l));
+      assert.deepEqual(others, []);
+    } finally {
+      host.kill();
+    }
   });
 });
 
@@ -437,7 +628,8 @@ describe('appex run without --control', () => {
     const tab = join(scratch, 'run-tab.png');
     const started = Date.now();
     const host = new Host(['run', exampleBundle, '--data-dir', join(scratch, 'data-2'), '--serve', exampleSite,
-      '--open', 'index.html', '--snapshot', `background=${background}`, '--snapshot', `t1=${tab}`, '--timeout', '6']);
+      '--open', 'index.html', '--snapshot', `background=${background}`, '--snapshot', `t1=${tab}`, '--timeout', '6',
+      '--verbose']);
     try {
       await assertCleanExit(host);
       assert.ok(Date.now() - started >= 5_000, 'stopped before --timeout');
@@ -445,6 +637,7 @@ describe('appex run without --control', () => {
       assert.match(host.stderr, /\[ready\]/);
       assert.match(host.stderr, /\[console\] background log: active tab now shows http:\/\/127\.0\.0\.1:\d+\/index\.html/);
       assert.match(host.stderr, /\[snapshot\] t1: /);
+      assert.match(host.stderr, /^\[log\] /m);  // --verbose
     } finally {
       host.kill();
     }
@@ -462,8 +655,23 @@ describe('appex run without --control', () => {
       assert.ok(isPNG(join(cwd, 'appex-popover.png')));
       assert.ok([...host.seen.values()].includes('Xvfb'), `no Xvfb seen: ${[...host.seen.values()]}`);
       assert.match(host.stderr, /\[snapshot\] popover: /);
+      // What the README shows: no diagnostic lines, no paths of this machine.
+      assert.doesNotMatch(host.stderr, /^\[log\]/m);
+      for (const path of [exampleBundle, exampleSite]) assert.equal(host.stderr.includes(path), false, host.stderr);
     } finally {
       host.kill();
     }
+  });
+});
+
+describe('docs/protocol.md', () => {
+  it('lists exactly the commands the host knows and the events these runs have seen', () => {
+    const doc = readFileSync(new URL('../../docs/protocol.md', import.meta.url), 'utf8');
+    const section = (title) => {
+      const body = doc.split(/^## /m).find((part) => part.startsWith(title)) ?? '';
+      return [...body.matchAll(/^### `(\w+)`$/gm)].map((m) => m[1]).sort();
+    };
+    assert.deepEqual(section('Commands'), [...commandsKnown].sort());
+    assert.deepEqual(section('Events'), [...eventsSeen].sort());
   });
 });

@@ -59,6 +59,9 @@ export function descendants(pid) {
   return found;
 }
 
+// The names of every event any host has sent in this process.
+export const eventsSeen = new Set();
+
 const delay = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
 export class Host {
@@ -106,6 +109,7 @@ export class Host {
     this.lines.push(message);
     if ('event' in message) {
       this.events.push(message);
+      eventsSeen.add(message.event);
       for (const waiter of this.waiters) {
         if (waiter.match(message)) {
           this.waiters.delete(waiter);

@@ -12,7 +12,7 @@ const header = readFileSync(new URL('../../platform/webkit/console_hook.h', impo
 const hookSource = header.match(/kConsoleHook\[\] = R"JS\(([\s\S]*?)\)JS";/)[1];
 
 // A global with a recording console; `report` gets what the hook reports.
-function page({ reportErrors = false, report } = {}) {
+function page({ errors, report } = {}) {
   const calls = [];
   const listeners = {};
   const console = {};
@@ -25,7 +25,7 @@ function page({ reportErrors = false, report } = {}) {
   });
   const reported = [];
   const hook = vm.runInContext(hookSource, context);
-  hook(report ?? ((level, text) => reported.push([level, text])), reportErrors);
+  hook(report ?? ((level, text) => reported.push([level, text])), errors);
   const run = (code) => vm.runInContext(code, context);
   return { run, calls, reported, listeners };
 }
@@ -74,20 +74,33 @@ describe('console hook', () => {
     assert.deepEqual(calls, [['warn', ['still']]]);
   });
 
-  it('reports uncaught errors and rejections only when asked to', () => {
+  it('reports uncaught errors, rejections and scripts that did not load only when asked to', () => {
     assert.deepEqual(page().listeners, {});
-    const { listeners, reported } = page({ reportErrors: true });
-    listeners.error({ message: 'TypeError: x is undefined', filename: 'file:///ext/background.js', lineno: 12 });
-    listeners.error({ message: 'Error: from eval', filename: 'undefined', lineno: 1 });
-    listeners.error({ message: '', error: new RangeError('deep') });
-    listeners.unhandledrejection({ reason: new Error('nobody caught me') });
-    listeners.unhandledrejection({ reason: { code: 7 } });
-    assert.deepEqual(reported, [
-      ['error', 'Uncaught TypeError: x is undefined (file:///ext/background.js:12)'],
-      ['error', 'Uncaught Error: from eval'],
-      ['error', 'Uncaught RangeError: deep'],
-      ['error', 'Unhandled rejection: Error: nobody caught me'],
-      ['error', 'Unhandled rejection: {"code":7}'],
-    ]);
+    // Each case: the event, then what "all" and "own" (a content world) report of it.
+    const script = { tagName: 'SCRIPT', src: 'file:///ext/missing.js' };
+    const cases = [
+      [['error', { message: 'TypeError: x is undefined', filename: 'file:///ext/background.js', lineno: 12, colno: 3 }],
+        ['TypeError: x is undefined', 'file:///ext/background.js', 12, 3], null],
+      [['error', { message: 'Error: from eval', filename: 'undefined', lineno: 1 }], ['Error: from eval', '', 1, 0], null],
+      [['error', { message: '', error: new RangeError('deep') }], ['RangeError: deep', '', 0, 0], null],
+      [['error', { message: 'Script error.', filename: '' }], ['Script error.', '', 0, 0], ['Script error.', '', 0, 0]],
+      [['error', { message: 'Error: mine', filename: 'user-script:3', lineno: 4, colno: 5 }],
+        ['Error: mine', 'user-script:3', 4, 5], ['Error: mine', 'user-script:3', 4, 5]],
+      [['error', { target: script }], ['cannot load script file:///ext/missing.js', 'file:///ext/missing.js', 0, 0], null],
+      [['error', { target: { tagName: 'IMG', src: 'x.png' } }], null, null],
+      [['unhandledrejection', { reason: Object.assign(new Error('nobody caught me'), { sourceURL: 'user-script:2', line: 7, column: 9 }) }],
+        ['Unhandled rejection: Error: nobody caught me', 'user-script:2', 7, 9], ['Unhandled rejection: Error: nobody caught me', 'user-script:2', 7, 9]],
+      [['unhandledrejection', { reason: { code: 7 } }], ['Unhandled rejection: {"code":7}', '', 0, 0], null],
+    ];
+    for (const errors of ['all', 'own']) {
+      const { listeners, reported } = page({ errors });
+      const want = [];
+      for (const [[type, event], all, own] of cases) {
+        listeners[type](event);
+        const expected = errors === 'all' ? all : own;
+        if (expected) want.push(['uncaught', JSON.stringify(expected)]);
+      }
+      assert.deepEqual(reported, want, errors);
+    }
   });
 });

@@ -209,9 +209,9 @@ void hookConsole(JSCContext* context, guint64 pageId) {
       context, nullptr, G_CALLBACK(reportConsole), new PostTarget{pageId},
       [](gpointer data) { delete static_cast<PostTarget*>(data); }, G_TYPE_NONE, 2, G_TYPE_STRING,
       G_TYPE_STRING);
-  // Errors are not reported here: the window's error events carry the
-  // page's own errors too.
-  JSCValue* result = jsc_value_function_call(hook, JSC_TYPE_VALUE, report, G_TYPE_BOOLEAN, FALSE, G_TYPE_NONE);
+  // Only the content scripts' own errors: the window's error events carry
+  // the page's too.
+  JSCValue* result = jsc_value_function_call(hook, JSC_TYPE_VALUE, report, G_TYPE_STRING, "own", G_TYPE_NONE);
   reportException(context, "console hook");
   g_object_unref(result);
   g_object_unref(report);

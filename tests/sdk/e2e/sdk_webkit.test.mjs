@@ -166,7 +166,7 @@ describe('the SDK on WebKit', { skip }, () => {
   it('tabs.onCreated fires in the background page when a tab opens', async () => {
     assert.deepEqual((await seenIn(host, 'background')).created, []);
     const since = host.mark();
-    assert.deepEqual(await host.call('openTab', { url: `${pageUrl}?second`, active: false }), { tab: 't2', window: 'w1' });
+    assert.deepEqual(await host.call('openTab', { url: `${pageUrl}?second`, active: false, wait: 'none' }), { tab: 't2', window: 'w1' });
     await host.waitFor('tabOpened', { tab: 't2' }, { since });
     const created = await host.until(async () => {
       const c = (await seenIn(host, 'background')).created;
