@@ -9,13 +9,14 @@
 // 5,000 asks of each, sequentially (one at a time) and with 64 in flight.
 // The cases take turns in short chunks, so that load from elsewhere on the
 // machine falls on all of them alike. Prints p50, p99 and throughput, and
-// the bridge's overhead at p50 against the target. Two breakdown cases place
+// the goals as ratios to the raw hop: p50 sequentially, throughput with 64
+// in flight. Two breakdown cases place
 // the cost: raw with the bridge answer's message shape (the wire format),
 // and the page script alone answering to a bare native handler (everything
 // but the native endpoint).
 //
 // Exit status: 0 when every ask was answered correctly (whether or not the
-// target was met), 2 otherwise.
+// goal was met), 2 otherwise.
 #include <chrono>
 #include <cstdlib>
 #include <cstdio>
@@ -44,7 +45,8 @@ constexpr int kInFlight = 64;
 constexpr int kSequentialChunk = 25;
 constexpr int kInFlightChunk = 500;
 constexpr int kWarmUp = 500;
-constexpr double kTargetOverhead = 0.10;  // at p50
+constexpr double kSequentialGoal = 1.10;  // bridge p50 / raw p50, sequential
+constexpr double kThroughputGoal = 0.80;  // bridge asks/s / raw asks/s, 64 in flight
 constexpr int kLabelWidth = 44;           // of the results table's case column
 
 constexpr const char* kPage = R"HTML(<!doctype html><html><head><script>
@@ -199,20 +201,18 @@ int run() {
                     {{"raw with the answer's shape", shapeCase.sequential, shapeCase.parallel},
                      {"page script, bare native", pageCase.sequential, pageCase.parallel}});
 
-  auto overhead = [&](const char* label, const LatencySamples& bridgeSamples,
-                      const LatencySamples& rawSamples) {
-    const double added = bridgeSamples.percentile(0.50) / rawSamples.percentile(0.50) - 1.0;
-    std::printf("bridge overhead at p50, %-14s %+6.1f%%  (target < %.0f%%)%s\n", label,
-                added * 100.0, kTargetOverhead * 100.0, added < kTargetOverhead ? "" : "  MISSED");
-  };
+  // The goals, each against the raw hop measured above.
   std::printf("\n");
-  overhead("sequential:", bridgeCase.sequential, rawCase.sequential);
-  overhead("64 in flight:", bridgeCase.parallel, rawCase.parallel);
+  printGoal("bridge / raw, p50, sequential:", bridgeCase.sequential.percentile(0.50) /
+                                                  rawCase.sequential.percentile(0.50),
+            kSequentialGoal, true);
+  printGoal("bridge / raw, asks/s, 64 in flight:",
+            bridgeCase.parallel.throughput() / rawCase.parallel.throughput(), kThroughputGoal, false);
 
   bridge.reset();
   web.reset();
   std::filesystem::remove_all(folder);
-  // A missed target is reported in the table, not in the exit status: the
+  // A missed goal is reported in the table, not in the exit status: the
   // status says whether the measurement itself worked, so the benchmarks
   // that follow in a run still run.
   return 0;
