@@ -68,7 +68,7 @@ bool Engine::runUntil(const std::function<bool()>& done, std::chrono::millisecon
   // soon as the iteration is over, without a fresh sweep of every source.
   while (!expired && !done()) {
     g_main_context_iteration(g_main_context_default(), TRUE);
-    if (!done()) state_->mainQueue.dispatchPending();
+    if (!expired && !done()) state_->mainQueue.dispatchPending();
   }
   g_source_destroy(timer);
   g_source_unref(timer);
