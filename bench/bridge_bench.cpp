@@ -8,14 +8,17 @@
 //
 // 5,000 asks of each, sequentially (one at a time) and with 64 in flight.
 // The cases take turns in short chunks, so that load from elsewhere on the
-// machine falls on all of them alike. Prints p50, p99 and throughput, and
-// the bridge's overhead at p50 against the target. Two breakdown cases place
-// the cost: raw with the bridge answer's message shape (the wire format),
-// and the page script alone answering to a bare native handler (everything
-// but the native endpoint).
+// machine falls on all of them alike. Every script text is new, as a real
+// ask's is (its uid is). Prints p50, p99 and throughput, and the goals as
+// ratios to the raw hop: p50 sequentially, throughput with 64 in flight.
+// Three breakdown cases place the cost: raw with a call of two arguments
+// (the engine compiles such a script, and not the raw hop's call of one
+// literal argument), raw with the bridge answer's message shape (the wire
+// format), and the page script alone answering to a bare native handler
+// (everything but the native endpoint).
 //
 // Exit status: 0 when every ask was answered correctly (whether or not the
-// target was met), 2 otherwise.
+// goal was met), 2 otherwise.
 #include <chrono>
 #include <cstdlib>
 #include <cstdio>
@@ -44,7 +47,8 @@ constexpr int kInFlight = 64;
 constexpr int kSequentialChunk = 25;
 constexpr int kInFlightChunk = 500;
 constexpr int kWarmUp = 500;
-constexpr double kTargetOverhead = 0.10;  // at p50
+constexpr double kSequentialGoal = 1.10;  // bridge p50 / raw p50, sequential
+constexpr double kThroughputGoal = 0.80;  // bridge asks/s / raw asks/s, 64 in flight
 constexpr int kLabelWidth = 44;           // of the results table's case column
 
 constexpr const char* kPage = R"HTML(<!doctype html><html><head><script>
@@ -58,8 +62,16 @@ window.webkit.messageHandlers.Webview_Bridge.postMessage(
 </script></head><body></body></html>
 )HTML";
 
-std::string payload(int id) {
-  return "{\"n\":" + std::to_string(id) + ",\"text\":\"hello from native\"}";
+// What every case sends. `n` is unique within the run: the engine keeps the
+// compiled form of a script text it has seen, and a text that comes back (an
+// id reused by the next turn of a case) would be a cache hit, which a real
+// ask, with its fresh uid, never is.
+std::string payload(int n) {
+  return "{\"n\":" + std::to_string(n) + ",\"text\":\"hello from native\"}";
+}
+int nextSerial() {
+  static int serial = 0;
+  return ++serial;
 }
 
 // A uid of the bridge's length that names request `id`.
@@ -125,14 +137,23 @@ int run() {
   const Issue raw = [&](int id, std::function<void()> done) {
     pending[id] = std::move(done);
     web->evaluateScript("window.webkit.messageHandlers.Bench_Raw.postMessage({uid: " +
-                        std::to_string(id) + ", data: " + payload(id) + "})");
+                        std::to_string(id) + ", data: " + payload(nextSerial()) + "})");
   };
-  const Issue viaBridge = [&](int id, std::function<void()> done) {
-    AnyValue args = Dictionary{{"n", id}, {"text", "hello from native"}};
+  const Issue viaBridge = [&](int, std::function<void()> done) {
+    AnyValue args = Dictionary{{"n", nextSerial()}, {"text", "hello from native"}};
     bridge->ask("__default__", "echo", args, [&wrong, args, done = std::move(done)](Result r) {
       if (!r || !*r || **r != args) ++wrong;
       done();
     });
+  };
+  // Breakdown 0: raw, with a second argument to the call. The engine runs a
+  // script that is one call with one literal argument without compiling it;
+  // any other script, such as the bridge's onWebViewCall('<channel>', {...}),
+  // is compiled afresh for every new text. This case shows that cost.
+  const Issue rawTwoArguments = [&](int id, std::function<void()> done) {
+    pending[id] = std::move(done);
+    web->evaluateScript("window.webkit.messageHandlers.Bench_Raw.postMessage({uid: " +
+                        std::to_string(id) + ", data: " + payload(nextSerial()) + "}, 0)");
   };
   // Breakdown 1: raw, but the posted message has the keys and sizes of the
   // bridge's answer.
@@ -140,7 +161,7 @@ int run() {
     pending[id] = std::move(done);
     web->evaluateScript(
         "window.webkit.messageHandlers.Bench_Raw.postMessage({channelName: '__default__', uid: '" +
-        uidFor(id) + "', err: null, data: " + payload(id) + ", type: 'ANSWER'})");
+        uidFor(id) + "', err: null, data: " + payload(nextSerial()) + ", type: 'ANSWER'})");
   };
   // Breakdown 2: the bridge's page side alone. The ask's exact text is
   // evaluated directly and the page script's answer reaches a bare handler
@@ -148,7 +169,7 @@ int run() {
   const Issue pageScriptOnly = [&](int id, std::function<void()> done) {
     pending[id] = std::move(done);
     Message ask{.type = MessageType::ask, .uid = uidFor(id), .cmd = "echo",
-                .args = Dictionary{{"n", id}, {"text", "hello from native"}}};
+                .args = Dictionary{{"n", nextSerial()}, {"text", "hello from native"}}};
     web->evaluateScript("onWebViewCall('__default__', " + *JSON::stringify(AnyValue(ask.build())) + ")");
   };
   auto bypassBridge = [&](bool bypass) {
@@ -165,9 +186,9 @@ int run() {
     LatencySamples sequential;
     LatencySamples parallel;
   };
-  Case rawCase{raw}, bridgeCase{viaBridge}, shapeCase{rawAnswerShape},
-      pageCase{pageScriptOnly, true};
-  const std::vector<Case*> cases = {&rawCase, &bridgeCase, &shapeCase, &pageCase};
+  Case rawCase{raw}, bridgeCase{viaBridge}, twoArgumentsCase{rawTwoArguments},
+      shapeCase{rawAnswerShape}, pageCase{pageScriptOnly, true};
+  const std::vector<Case*> cases = {&rawCase, &bridgeCase, &twoArgumentsCase, &shapeCase, &pageCase};
 
   bool ok = true;
   for (Case* c : cases) {
@@ -196,23 +217,23 @@ int run() {
   printLatencyTable(kLabelWidth, kInFlight,
                     {{"raw", rawCase.sequential, rawCase.parallel},
                      {"bridge", bridgeCase.sequential, bridgeCase.parallel}},
-                    {{"raw with the answer's shape", shapeCase.sequential, shapeCase.parallel},
+                    {{"raw, a call of two arguments", twoArgumentsCase.sequential,
+                      twoArgumentsCase.parallel},
+                     {"raw with the answer's shape", shapeCase.sequential, shapeCase.parallel},
                      {"page script, bare native", pageCase.sequential, pageCase.parallel}});
 
-  auto overhead = [&](const char* label, const LatencySamples& bridgeSamples,
-                      const LatencySamples& rawSamples) {
-    const double added = bridgeSamples.percentile(0.50) / rawSamples.percentile(0.50) - 1.0;
-    std::printf("bridge overhead at p50, %-14s %+6.1f%%  (target < %.0f%%)%s\n", label,
-                added * 100.0, kTargetOverhead * 100.0, added < kTargetOverhead ? "" : "  MISSED");
-  };
+  // The goals, each against the raw hop measured above.
   std::printf("\n");
-  overhead("sequential:", bridgeCase.sequential, rawCase.sequential);
-  overhead("64 in flight:", bridgeCase.parallel, rawCase.parallel);
+  printGoal("bridge / raw, p50, sequential:", bridgeCase.sequential.percentile(0.50) /
+                                                  rawCase.sequential.percentile(0.50),
+            kSequentialGoal, true);
+  printGoal("bridge / raw, asks/s, 64 in flight:",
+            bridgeCase.parallel.throughput() / rawCase.parallel.throughput(), kThroughputGoal, false);
 
   bridge.reset();
   web.reset();
   std::filesystem::remove_all(folder);
-  // A missed target is reported in the table, not in the exit status: the
+  // A missed goal is reported in the table, not in the exit status: the
   // status says whether the measurement itself worked, so the benchmarks
   // that follow in a run still run.
   return 0;

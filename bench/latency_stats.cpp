@@ -68,4 +68,11 @@ void printLatencyTable(int labelWidth, int inFlight, std::initializer_list<Laten
   printBlock(labelWidth, inFlight, breakdown, "  ");
 }
 
+bool printGoal(const char* label, double ratio, double goal, bool atMost) {
+  const bool met = atMost ? ratio <= goal : ratio >= goal;
+  std::printf("%-50s %5.2fx  (goal %s %.2fx)%s\n", label, ratio, atMost ? "<=" : ">=", goal,
+              met ? "" : "  MISSED");
+  return met;
+}
+
 }  // namespace appex::bench

@@ -58,4 +58,9 @@ struct LatencyRow {
 void printLatencyTable(int labelWidth, int inFlight, std::initializer_list<LatencyRow> cases,
                        std::initializer_list<LatencyRow> breakdown);
 
+// A goal row: `ratio` (a case's figure over the baseline's, both from this
+// run) beside its goal, which it must stay at or under (`atMost`) or at or
+// over; says MISSED otherwise. Returns whether the goal was met.
+bool printGoal(const char* label, double ratio, double goal, bool atMost);
+
 }  // namespace appex::bench

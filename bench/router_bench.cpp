@@ -19,11 +19,11 @@
 //
 // 2,000 asks of each, sequentially and with 64 in flight, the cases taking
 // turns in short chunks so that load from elsewhere falls on all of them
-// alike. Prints p50, p99 and throughput, and the route's p50 against the
-// raw hop's with the target ratio.
+// alike. Prints p50, p99 and throughput, and the route's p50 over the raw
+// hop's beside the goal.
 //
 // Exit status: 0 when every ask was answered correctly (whether or not the
-// target was met), 2 otherwise.
+// goal was met), 2 otherwise.
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -64,7 +64,7 @@ constexpr int kInFlight = 64;
 constexpr int kSequentialChunk = 25;
 constexpr int kInFlightChunk = 250;
 constexpr int kWarmUp = 200;
-constexpr double kTargetRatio = 2.3;  // route p50 / raw p50
+constexpr double kGoalRatio = 2.1;  // route p50 / raw p50, sequential
 constexpr int kLabelWidth = 46;       // of the results table's case column
 
 constexpr const char* kBackgroundPage = R"HTML(<!doctype html><html><head><script>
@@ -83,6 +83,10 @@ window.webkit.messageHandlers.Bench_Loaded.postMessage(1);
 </script></head><body></body></html>
 )HTML";
 
+// What every case sends, for a number `n` unique within the run: the engine
+// keeps the compiled form of a script text it has seen, and a raw hop whose
+// text came back (an id reused by the next turn) would be a cache hit, which
+// a real ask, with its fresh uid, never is.
 std::string payloadJson(int id) {
   return "{\"n\":" + std::to_string(id) + ",\"text\":\"hello from the content page\"}";
 }
@@ -164,6 +168,8 @@ int run() {
 
     // Answers reaching the content page complete their request by uid.
     std::vector<std::function<void()>> pending(kAsks);
+    std::vector<int> serialOf(kAsks);  // the payload's number of each request in flight
+    int serial = 0;
     int wrong = 0;
     auto completeAnswer = [&](const Message& answer) {
       std::optional<int> id = requestOf(answer.uid);
@@ -177,7 +183,7 @@ int run() {
       const AnyValue* meta = echoed ? echoed->if_contains("meta") : nullptr;
       const AnyValue* url = meta && meta->is_object() ? meta->as_object().if_contains("tabUrl") : nullptr;
       const AnyValue* tab = meta && meta->is_object() ? meta->as_object().if_contains("tabId") : nullptr;
-      if (answer.err || !sentPayload || *sentPayload != payload(*id) || !tab || !url ||
+      if (answer.err || !sentPayload || *sentPayload != payload(serialOf[*id]) || !tab || !url ||
           *url != AnyValue("https://bench.test/article")) {
         ++wrong;
       }
@@ -205,7 +211,7 @@ int run() {
       const auto* o = body.if_object();
       const auto* uid = o ? o->if_contains("uid") : nullptr;
       if (!uid || !uid->is_int64() || uid->as_int64() < 0 || uid->as_int64() >= kAsks ||
-          !pending[uid->as_int64()] || o->at("data") != payload(static_cast<int>(uid->as_int64()))) {
+          !pending[uid->as_int64()] || o->at("data") != payload(serialOf[uid->as_int64()])) {
         ++wrong;
         return;
       }
@@ -214,20 +220,21 @@ int run() {
 
     const Issue rawHop = [&](int id, std::function<void()> done) {
       pending[id] = std::move(done);
+      serialOf[id] = ++serial;
       raw->evaluateScript("window.webkit.messageHandlers.Bench_Raw.postMessage({uid: " + std::to_string(id) +
-                          ", data: " + payloadJson(id) + "})");
+                          ", data: " + payloadJson(serialOf[id]) + "})");
     };
     const Issue route = [&](int id, std::function<void()> done) {
       pending[id] = std::move(done);
       Dictionary request{
           {"target", "background"},
           {"action", Dictionary{{"cmd", "echo"},
-                                {"args", Dictionary{{"payload", payload(id)}, {"meta", Dictionary{}}}}}}};
+                                {"args", Dictionary{{"payload", payload(serialOf[id] = ++serial)}, {"meta", Dictionary{}}}}}}};
       Message ask{MessageType::ask, uidFor(id), {}, {}, "messaging", AnyValue(std::move(request)), 0};
       page->sendMessageToExtension("__APP_EXTENSION__", ask.build());
     };
-    const Issue bridgeAlone = [&](int id, std::function<void()> done) {
-      AnyValue args = payload(id);
+    const Issue bridgeAlone = [&](int, std::function<void()> done) {
+      AnyValue args = payload(++serial);
       bridge->ask("__default__", "echo", args, [&wrong, args, done = std::move(done)](Result r) {
         if (!r || !*r || **r != args) ++wrong;
         done();
@@ -275,14 +282,10 @@ int run() {
                         {{"background bridge alone", bridgeCase.sequential, bridgeCase.parallel},
                          {"route, completions inline", inlineCase.sequential, inlineCase.parallel}});
 
-      auto ratio = [](const char* label, const LatencySamples& subject, const LatencySamples& baseline) {
-        const double r = subject.percentile(0.50) / baseline.percentile(0.50);
-        std::printf("route / raw hop at p50, %-14s %5.2fx  (target < %.1fx)%s\n", label, r, kTargetRatio,
-                    r < kTargetRatio ? "" : "  MISSED");
-      };
+      // The goal, against the raw hop measured above.
       std::printf("\n");
-      ratio("sequential:", routeCase.sequential, rawCase.sequential);
-      ratio("64 in flight:", routeCase.parallel, rawCase.parallel);
+      printGoal("route / raw hop, p50, sequential:",
+                routeCase.sequential.percentile(0.50) / rawCase.sequential.percentile(0.50), kGoalRatio, true);
     }
 
     sim->setIntake(nullptr);
@@ -294,7 +297,7 @@ int run() {
   engine.runFor(std::chrono::milliseconds(20));
   setLogSink(nullptr);
   std::filesystem::remove_all(folder);
-  // A missed target shows in the table, not in the exit status: the status
+  // A missed goal shows in the table, not in the exit status: the status
   // says whether the measurement itself worked.
   return status;
 }

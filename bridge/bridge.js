@@ -103,9 +103,15 @@
       fire: function (id, data) {
         var list = lists.get(id);
         if (!list) return false;
-        list.slice().forEach(function (item) {
-          guarded('process', process, [item, data, id]);
-        });
+        // Every message goes through here: a plain loop, no closure per item.
+        var snapshot = list.slice();
+        for (var i = 0; i < snapshot.length; i++) {
+          try {
+            process(snapshot[i], data, id);
+          } catch (e) {
+            console.error('in process, ' + messageOf(e));
+          }
+        }
         return true;
       },
 
@@ -219,20 +225,32 @@
     });
   }
 
+  function isThenable(value) {
+    return value !== null && (typeof value === 'object' || typeof value === 'function') &&
+      typeof value.then === 'function';
+  }
+
   // Runs the handlers in registration order. The first one that throws or
   // returns something other than undefined decides: the result is a promise
   // of its value (rejected if it threw or its promise rejects). When every
   // handler returns undefined the result is undefined: nobody handles it.
-  function runHandlers(list, cmd, args) {
+  // `decided(promise)`, when given, learns whether that outcome is already
+  // certain to be answered: a throw, or a plain value (not a thenable, so
+  // it cannot settle to undefined).
+  function runHandlers(list, cmd, args, decided) {
     var snapshot = list.slice();
     for (var i = 0; i < snapshot.length; i++) {
       var result;
       try {
         result = snapshot[i](cmd, args);
       } catch (e) {
+        if (decided) decided(true);
         return Promise.reject(e);
       }
-      if (result !== undefined) return Promise.resolve(result);
+      if (result !== undefined) {
+        if (decided) decided(!isThenable(result));
+        return Promise.resolve(result);
+      }
     }
     return undefined;
   }
@@ -302,26 +320,38 @@
     function receiveAsk(message) {
       var entry = { uid: message.uid, cmd: message.cmd, args: message.args, timer: undefined };
 
-      entry.timer = setTimeout(function () {
-        if (!isUnhandled(entry.uid)) return;
-        // The entry stays queued: a handler registered later still replays it.
-        channel.sendAnswer(entry.uid, wireError('ipcPromise: answer timeout ' + timeout +
-          ' for cmd ' + quoted(entry.cmd) + ', args ' + quoted(entry.args)), undefined);
-      }, timeout);
+      function startAnswerTimer() {
+        entry.timer = setTimeout(function () {
+          if (!isUnhandled(entry.uid)) return;
+          // The entry stays queued: a handler registered later still replays it.
+          channel.sendAnswer(entry.uid, wireError('ipcPromise: answer timeout ' + timeout +
+            ' for cmd ' + quoted(entry.cmd) + ', args ' + quoted(entry.args)), undefined);
+        }, timeout);
+      }
 
       // No handler registered yet, or every one unregistered since: queue it.
       if (handlers === null || handlers.length === 0) {
+        startAnswerTimer();
         unhandled.push(entry);
         return;
       }
 
-      var outcome = runHandlers(handlers, entry.cmd, entry.args);
+      // The answer time-out only matters to an ask that may end up unhandled.
+      // One whose handler threw or gave a plain value is answered for sure, in
+      // this turn's microtasks: it gets no timer (one timer per ask is a large
+      // part of the cost of a busy channel). Every handler declining outright
+      // drops the ask: no timer either. Otherwise the timer starts now, in the
+      // ask's own turn, as if it had started on arrival.
+      var certain = false;
+      var outcome = runHandlers(handlers, entry.cmd, entry.args, function (answered) {
+        certain = answered;
+      });
       if (outcome === undefined) {
         // Every handler declined outright: the ask is deliberately dropped,
         // neither answered nor queued; the asker's own time-out ends it.
-        clearTimeout(entry.timer);
         return;
       }
+      if (!certain) startAnswerTimer();
       outcome.then(function (value) {
         if (value === undefined) {
           unhandled.push(entry);

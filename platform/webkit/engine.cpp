@@ -83,7 +83,12 @@ bool Engine::runUntil(const std::function<bool()>& done, std::chrono::millisecon
       },
       &expired, nullptr);
   g_source_attach(timer, g_main_context_default());
-  while (!expired && !done()) g_main_context_iteration(g_main_context_default(), TRUE);
+  // Blocks that an iteration's callbacks posted to the main queue run as
+  // soon as the iteration is over, without a fresh sweep of every source.
+  while (!expired && !done()) {
+    g_main_context_iteration(g_main_context_default(), TRUE);
+    if (!expired && !done()) state_->mainQueue.dispatchPending();
+  }
   g_source_destroy(timer);
   g_source_unref(timer);
   return done();

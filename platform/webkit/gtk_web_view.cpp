@@ -9,6 +9,7 @@
 #include "core/log.h"
 #include "host/json.h"
 #include "platform/webkit/console_hook.h"
+#include "platform/webkit/main_queue_source.h"
 
 namespace appex::webkit {
 namespace {
@@ -71,6 +72,9 @@ struct GtkWebView::Impl {
     // A copy: the handler may remove itself (and so its entry) while it runs.
     ScriptMessageCallback callback = static_cast<Handler*>(data)->callback;
     callback(toAnyValue(result));
+    // What the handler posted to the main queue (a script back to a page,
+    // typically) goes now, before the engine's own work after the signal.
+    if (auto* mainQueue = MainQueueSource::ofThisThread()) mainQueue->dispatchPending();
   }
 
   static void onLoadChanged(WebKitWebView*, WebKitLoadEvent event, gpointer data) {

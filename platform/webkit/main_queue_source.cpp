@@ -10,6 +10,7 @@ struct MainQueueSource::Source {
 namespace {
 
 GSourceFuncs sourceFuncs{};
+thread_local MainQueueSource* thisThreadSource = nullptr;
 
 }  // namespace
 
@@ -24,9 +25,11 @@ MainQueueSource::MainQueueSource(MainQueue& queue, GMainContext* context)
   g_source_set_name(source_, "appex main queue");
   g_source_attach(source_, context_);
   queue_.setDriver(this);
+  thisThreadSource = this;
 }
 
 MainQueueSource::~MainQueueSource() {
+  if (thisThreadSource == this) thisThreadSource = nullptr;
   queue_.setDriver(nullptr);
   g_source_destroy(source_);
   g_source_unref(source_);
@@ -41,6 +44,22 @@ void MainQueueSource::wakeUp() {
   if (std::this_thread::get_id() != loopThread_) g_main_context_wakeup(context_);
 }
 
+MainQueueSource* MainQueueSource::ofThisThread() { return thisThreadSource; }
+
+void MainQueueSource::dispatchPending() {
+  if (draining_ || !ready_.load(std::memory_order_acquire)) return;
+  drain();
+}
+
+void MainQueueSource::drain() {
+  draining_ = true;
+  // Cleared before draining: a block posted after the drain found the queue
+  // empty wakes us again, so none is left waiting.
+  ready_.store(false, std::memory_order_release);
+  queue_.drain();
+  draining_ = false;
+}
+
 gboolean MainQueueSource::prepare(GSource* source, gint* timeout) {
   *timeout = -1;
   return reinterpret_cast<Source*>(source)->owner->ready_.load(std::memory_order_acquire);
@@ -51,11 +70,7 @@ gboolean MainQueueSource::check(GSource* source) {
 }
 
 gboolean MainQueueSource::dispatch(GSource* source, GSourceFunc, gpointer) {
-  MainQueueSource* self = reinterpret_cast<Source*>(source)->owner;
-  // Cleared before draining: a block posted after the drain found the queue
-  // empty wakes us again, so none is left waiting.
-  self->ready_.store(false, std::memory_order_release);
-  self->queue_.drain();
+  reinterpret_cast<Source*>(source)->owner->drain();
   return G_SOURCE_CONTINUE;
 }
 

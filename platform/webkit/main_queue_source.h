@@ -33,8 +33,22 @@ class MainQueueSource final : public MainQueue::Driver {
   // before it next sleeps.
   void wakeUp() override;
 
+  // The source made on the calling thread, if any (the engine's, on the
+  // main thread).
+  static MainQueueSource* ofThisThread();
+
+  // On the context's thread, once the callback that is running has returned
+  // (the end of a web-view signal, the end of an iteration): runs the queued
+  // blocks now, if there are any, as the source's own dispatch would in the
+  // next iteration. Blocks posted by that callback so run after it, as they
+  // must, but ahead of whatever the engine does next in the same dispatch
+  // (a script message's reply to the page, say) and without another sweep of
+  // every source. Does nothing inside a drain already running.
+  void dispatchPending();
+
  private:
   struct Source;
+  void drain();
   static gboolean prepare(GSource* source, gint* timeout);
   static gboolean check(GSource* source);
   static gboolean dispatch(GSource* source, GSourceFunc callback, gpointer data);
@@ -44,6 +58,7 @@ class MainQueueSource final : public MainQueue::Driver {
   const std::thread::id loopThread_ = std::this_thread::get_id();
   GSource* source_ = nullptr;
   std::atomic<bool> ready_{false};
+  bool draining_ = false;  // context's thread only
 };
 
 }  // namespace appex::webkit
