@@ -23,7 +23,7 @@ const { values } = parseArgs({
   options: {
     runs: { type: 'string', default: '5' },
     appex: { type: 'string', default: join(root, 'build/release/appex') },
-    bundle: { type: 'string', default: join(root, 'build/release/examples/Example.appex') },
+    bundle: { type: 'string', default: join(root, 'examples/Example.appex') },
     site: { type: 'string', default: join(root, 'examples/site') },
   },
 });
