@@ -7,7 +7,7 @@
 //
 //   bench/scenario.mjs [--runs N] [--appex PATH] [--bundle B] [--site DIR]
 //
-// Defaults: 5 runs of build/release/appex on its assembled example. Needs a
+// Defaults: 5 runs of build/release/appex on examples/Example.appex. Needs a
 // display (DISPLAY set or xvfb-run), like any appex run measured here.
 
 import { mkdtempSync, rmSync } from 'node:fs';
