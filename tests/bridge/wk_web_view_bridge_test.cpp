@@ -8,7 +8,14 @@
 #include <cmath>
 #include <limits>
 #include <mutex>
+// g++ 12 false positive: with AddressSanitizer it reports the
+// std::function inside the regex compiler's moved-from state as maybe
+// uninitialized. The warning points into the header's own code, so only its
+// inclusion can be covered.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #include <regex>
+#pragma GCC diagnostic pop
 #include <set>
 #include <thread>
 #include <vector>
