@@ -6,44 +6,11 @@
 #include "core/context.h"
 #include "core/log.h"
 #include "host/json.h"
+#include "host/utf8.h"
 #include "platform/curl_http_client.h"
 
 namespace appex {
 namespace {
-
-// Strict UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
-bool isValidUtf8(std::string_view s) {
-  std::size_t i = 0;
-  while (i < s.size()) {
-    const auto c = static_cast<unsigned char>(s[i]);
-    std::size_t extra;
-    unsigned char lo = 0x80, hi = 0xBF;
-    if (c < 0x80) {
-      ++i;
-      continue;
-    } else if (c >= 0xC2 && c <= 0xDF) {
-      extra = 1;
-    } else if (c >= 0xE0 && c <= 0xEF) {
-      extra = 2;
-      if (c == 0xE0) lo = 0xA0;
-      if (c == 0xED) hi = 0x9F;
-    } else if (c >= 0xF0 && c <= 0xF4) {
-      extra = 3;
-      if (c == 0xF0) lo = 0x90;
-      if (c == 0xF4) hi = 0x8F;
-    } else {
-      return false;
-    }
-    if (i + extra >= s.size()) return false;
-    for (std::size_t k = 1; k <= extra; ++k) {
-      const auto b = static_cast<unsigned char>(s[i + k]);
-      const unsigned char min = k == 1 ? lo : 0x80, max = k == 1 ? hi : 0xBF;
-      if (b < min || b > max) return false;
-    }
-    i += extra + 1;
-  }
-  return true;
-}
 
 // Text from the wire as UTF-8: as it is when it is UTF-8, else read as
 // ISO-8859-1 (each byte one character), as HTTP has historically defined

@@ -3,62 +3,16 @@
 #include <boost/json/serialize.hpp>
 
 #include "host/json.h"
+#include "host/utf8.h"
 
 namespace appex {
-namespace {
-
-// `text` with every ill-formed UTF-8 sequence (its maximal subpart) replaced
-// by U+FFFD. A serialized line only holds bytes above 0x7F inside strings,
-// so the result is still the same JSON, now text every reader accepts: a
-// log line or an error may carry a file name that is not UTF-8.
-std::string wellFormed(std::string text) {
-  std::string out;
-  bool replaced = false;
-  std::size_t i = 0;
-  while (i < text.size()) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    std::size_t extra = 0;
-    unsigned char lo = 0x80, hi = 0xBF;
-    if (c >= 0xC2 && c <= 0xDF) {
-      extra = 1;
-    } else if (c >= 0xE0 && c <= 0xEF) {
-      extra = 2;
-      if (c == 0xE0) lo = 0xA0;
-      if (c == 0xED) hi = 0x9F;
-    } else if (c >= 0xF0 && c <= 0xF4) {
-      extra = 3;
-      if (c == 0xF0) lo = 0x90;
-      if (c == 0xF4) hi = 0x8F;
-    }
-    std::size_t valid = 0;  // continuation bytes that fit
-    while (valid < extra && i + 1 + valid < text.size()) {
-      const auto b = static_cast<unsigned char>(text[i + 1 + valid]);
-      if (b < (valid == 0 ? lo : 0x80) || b > (valid == 0 ? hi : 0xBF)) break;
-      ++valid;
-    }
-    const bool ok = c < 0x80 || (extra && valid == extra);
-    if (!ok && !replaced) {
-      out.assign(text, 0, i);
-      replaced = true;
-    }
-    if (!ok) {
-      out += "\xEF\xBF\xBD";
-    } else if (replaced) {
-      out.append(text, i, 1 + extra);
-    }
-    i += 1 + valid;
-  }
-  return replaced ? out : text;
-}
-
-}  // namespace
 
 void ControlChannel::add(const std::string& name, Command command) {
   commands_[name] = std::move(command);
 }
 
 void ControlChannel::write(const Dictionary& object) {
-  std::string line = wellFormed(boost::json::serialize(object));
+  std::string line = toWellFormedUtf8(boost::json::serialize(object));
   line.push_back('\n');
   std::lock_guard lock(outMutex_);
   out_ << line;
